@@ -1,0 +1,72 @@
+#include "zor_ctrl.h"
+
+#include <cstdio>
+#include <ctime>
+#include <string_view>
+
+#include "log.h"
+#include "util/cmd_runner.h"
+
+namespace {
+
+constexpr size_t kDbLineSize = 256;
+constexpr size_t kPcAddLineSize = 400;
+
+// Formats into a zero-filled buffer of N bytes, cut silently like snprintf.
+template <size_t N, typename... Args>
+std::string bounded(const char* fmt, Args... args) {
+    char buf[N] = {};
+    snprintf(buf, sizeof buf, fmt, args...);
+    return std::string(buf);
+}
+
+bool key_is_safe(const char* what, const char* key) {
+    if (key == nullptr) return false;
+    if (has_control_bytes(key)) {
+        LOG_D("%s: key with control bytes dropped", what);
+        return false;
+    }
+    return true;
+}
+
+unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
+
+}  // namespace
+
+int zor_notify_u2k(int type, const char* key) {
+    if (!key_is_safe("u2k", key)) return -1;
+    std::string cmd = bounded<kDbLineSize>(
+        "[ -f /proc/zor/ctrl ] && echo \"db key2group u2k %d %s\" > /proc/zor/ctrl", type,
+        shell_escape_dq(key).c_str());
+    LOG_D("[%u] %s", now_seconds(), cmd.c_str());
+    return cmd_run(cmd);
+}
+
+int zor_notify_db_group(int source, int type, const char* key, int ttl, int group, int sub_group) {
+    if (group < 0 || sub_group < 0) return -1;
+    if (!key_is_safe("update", key)) return -1;
+    std::string cmd = bounded<kDbLineSize>(
+        "[ -f /proc/zor/ctrl ] && echo \"db key2group update %d %d %s %d %d %d\" > /proc/zor/ctrl",
+        source, type, shell_escape_dq(key).c_str(), ttl, group, sub_group);
+    LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.c_str());
+    return cmd_run(cmd);
+}
+
+const std::string& zor_ctrl_pc_clean_line() {
+    static const std::string line = "[ -f /proc/zor/ctrl ] && echo \"pc rule clean\" > /proc/zor/ctrl";
+    return line;
+}
+
+std::optional<std::string> zor_ctrl_pc_add_line(int kind, const char* mac, const char* content,
+                                                unsigned long from, unsigned long to) {
+    if (mac == nullptr || content == nullptr) return std::nullopt;
+    if (has_control_bytes(mac) || has_control_bytes(content)) return std::nullopt;
+    return bounded<kPcAddLineSize>(
+        "[ -f /proc/zor/ctrl ] && echo \"pc rule add %d %s %s %lu %lu\" > /proc/zor/ctrl", kind,
+        shell_escape_dq(mac).c_str(), shell_escape_dq(content).c_str(), from, to);
+}
+
+std::string zor_ctrl_server_port_line(int pid) {
+    return bounded<kDbLineSize>("[ -f /proc/zor/ctrl ] && echo \"env server_port %d\" > /proc/zor/ctrl",
+                                pid);
+}
