@@ -134,6 +134,8 @@ bool event_option(const std::string& key, const std::string& value, ks_command& 
         e.text = value;
         return true;
     }
+    if (key != "flags" && key != "type" && key != "len" && key != "data_len" && key != "fid")
+        return fail(err, "unknown option '" + key + "'");
     if (!parse_number(value, key == "fid" ? UINT16_MAX : UINT32_MAX, v))
         return fail(err, "bad " + key + " '" + value + "'");
     if (key == "flags") {
@@ -145,11 +147,9 @@ bool event_option(const std::string& key, const std::string& value, ks_command& 
         e.field_size = static_cast<uint32_t>(v);
     } else if (key == "data_len") {
         e.data_len = static_cast<uint32_t>(v);
-    } else if (key == "fid") {
+    } else {
         e.family_id = static_cast<uint16_t>(v);
         c.fid_given = true;
-    } else {
-        return fail(err, "unknown option '" + key + "'");
     }
     return true;
 }

@@ -12,7 +12,8 @@
 //
 // Header tweaks accepted by every datagram command: nlmsg_len=N (a lie),
 // nltype=N, cmd=N, cut=N (send only N leading bytes); events also take
-// fid=N and data_len=N (the data_len word alone). "{n}" in a text or name
+// fid=N and data_len=N (the data_len word alone). An announce with fid=N
+// makes N the family id of the events after it. "{n}" in a text or name
 // becomes the repetition number. Numbers take 0x and 0 prefixes.
 #pragma once
 

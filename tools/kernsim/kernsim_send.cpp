@@ -64,6 +64,7 @@ long ks_run(const std::vector<ks_command>& commands, const ks_run_opts& opts, ks
     auto next = clock::now();
     long sent = 0;
     uint32_t seq = 1;
+    uint16_t family_id = opts.family_id;
     for (unsigned round = 0; round < opts.count; ++round) {
         for (const ks_command& c : commands) {
             if (c.op == ks_op::sleep) {
@@ -71,7 +72,9 @@ long ks_run(const std::vector<ks_command>& commands, const ks_run_opts& opts, ks
                 next = clock::now();
                 continue;
             }
-            std::vector<uint8_t> msg = ks_materialize(c, opts.family_id, round, seq++);
+            // An announcement of a chosen id is what later events carry.
+            if (c.op == ks_op::announce && c.fid_given) family_id = c.announce.family_id;
+            std::vector<uint8_t> msg = ks_materialize(c, family_id, round, seq++);
             if (gap > clock::duration::zero()) {
                 std::this_thread::sleep_until(next);
                 next += gap;
