@@ -12,6 +12,7 @@
 #include <string>
 
 #include "cmd_recorder.h"
+#include "test_util.h"
 #include "util/cmd_runner.h"
 
 namespace {
@@ -40,6 +41,37 @@ TEST(ZorCtrl, SendsExactLines) {
     EXPECT_EQ(zor_ctrl_server_port_line(4242), line_of("env server_port 4242"));
 }
 
+// "[<time>] <line>" for u2k, "[<time>] zor_notify_db_group <line>" for an
+// update, at debug level; a skipped update writes nothing; a cut line is
+// logged as cut.
+TEST(ZorCtrl, SentLinesAreLoggedAtDebugLevel) {
+    zor_test::log_capture log;
+    cmd_recorder rec;
+    zor_notify_u2k(20, "logged.example");
+    zor_notify_db_group(2, 21, "10.9.8.7", 86400, 1, 2);
+    zor_notify_db_group(2, 21, "skipped.example", 86400, 1, -1);
+    std::string long_key(300, 'z');
+    zor_notify_u2k(20, long_key.c_str());
+    auto with = [&](const std::string& text) {
+        std::vector<std::string> out;
+        for (const std::string& l : log.lines())
+            if (l.find(text) != std::string::npos) out.push_back(l);
+        return out;
+    };
+    auto u2k = with(line_of("db key2group u2k 20 logged.example"));
+    ASSERT_EQ(u2k.size(), 1u);
+    EXPECT_NE(u2k[0].find("[D] ["), std::string::npos) << u2k[0];
+    auto upd = with("] zor_notify_db_group " + line_of("db key2group update 2 21 10.9.8.7 86400 1 2"));
+    ASSERT_EQ(upd.size(), 1u);
+    EXPECT_NE(upd[0].find("[D] ["), std::string::npos) << upd[0];
+    EXPECT_TRUE(with("skipped.example").empty());
+    const std::string cut = (kGuard + "db key2group u2k 20 " + long_key).substr(0, 255);
+    auto cut_lines = with(cut);
+    ASSERT_EQ(cut_lines.size(), 1u);
+    EXPECT_EQ(cut_lines[0].substr(cut_lines[0].size() - cut.size()), cut);
+    EXPECT_EQ(rec.lines().size(), 2u);
+}
+
 TEST(ZorCtrl, NegativeGroupOrSubGroupSendsNothing) {
     struct Case {
         int group, sub;
@@ -51,7 +83,9 @@ TEST(ZorCtrl, NegativeGroupOrSubGroupSendsNothing) {
         cmd_recorder rec;
         int rc = zor_notify_db_group(1, 20, "a.example", 3600, c.group, c.sub);
         EXPECT_EQ(rec.lines().size(), c.sent ? 1u : 0u) << c.group << "," << c.sub;
-        if (!c.sent) EXPECT_EQ(rc, -1);
+        if (!c.sent) {
+            EXPECT_EQ(rc, -1);
+        }
     }
 }
 
@@ -157,7 +191,7 @@ TEST(ZorCtrl, LinesLongerThanTheirBufferAreNotRun) {
         std::string domain300(300, 'b');
         EXPECT_EQ(zor_notify_u2k(20, domain300.c_str()), -1);
         // Escaping counts: each quote takes two bytes of the line.
-        std::string quoted(u2k_room - 1, 'a');
+        std::string quoted(u2k_room, 'a');
         quoted.back() = '"';
         EXPECT_EQ(zor_notify_u2k(20, quoted.c_str()), -1);
         ASSERT_EQ(rec.lines().size(), 1u);
