@@ -1,7 +1,5 @@
 #include "qmxsrv_ctx.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstring>
 
@@ -80,12 +78,6 @@ uint32_t read_log_level(const ini_t* ini) {
     return static_cast<uint32_t>(level);
 }
 
-void ensure_writable_root(const char* path) {
-    struct stat st;
-    if (stat(path, &st) == 0) return;
-    dir_make_chain(path);
-}
-
 }  // namespace
 
 int qmxsrv_ctx_load(const char* path) {
@@ -107,7 +99,7 @@ int qmxsrv_ctx_load(const char* path) {
     http_mode = static_cast<int32_t>(ini_get_int(ini.get(), kSection, "http_mode", 0));
     ini.reset();
 
-    ensure_writable_root(qmxsrv_ctx.writable_root->c_str());
+    dir_make_chain(qmxsrv_ctx.writable_root->c_str());
     return 1;
 }
 

@@ -8,18 +8,24 @@
 #include <set>
 #include <string>
 
-#include "temp_dir.h"
+#include "test_util.h"
 
 namespace {
 
-using zor_test::TempDir;
+using zor_test::temp_dir;
+
+// Writes `text` to `name` inside `dir` and returns the file's path.
+std::string put_file(const temp_dir& dir, const std::string& name, const std::string& text) {
+    zor_test::write_file(dir.file(name), text);
+    return dir.file(name);
+}
 
 // Loads `text` from a file; keeps the file's path for messages.
 struct loaded {
-    TempDir dir;
+    temp_dir dir;
     std::string path;
     ini_ptr ini;
-    explicit loaded(const std::string& text) : path(dir.write("test.ini", text)), ini(ini_load(path.c_str())) {}
+    explicit loaded(const std::string& text) : path(put_file(dir, "test.ini", text)), ini(ini_load(path.c_str())) {}
 };
 
 template <class Fn>
@@ -91,8 +97,8 @@ TEST(Ini, SyntaxErrorNamesTheLineAndEchoesIt) {
         {"a = 1\\\n2\nbad\n", 3, "bad"},
     };
     for (const auto& c : cases) {
-        TempDir dir;
-        std::string path = dir.write("bad.ini", c.text);
+        temp_dir dir;
+        std::string path = put_file(dir, "bad.ini", c.text);
         testing::internal::CaptureStderr();
         ini_t* ini = ini_load(path.c_str());
         std::string err = testing::internal::GetCapturedStderr();
@@ -225,8 +231,8 @@ TEST(Ini, PrintSectionsAndValuesSkipTheUnnamedSection) {
 }
 
 TEST(Ini, OpenModesAndFileNames) {
-    TempDir dir;
-    std::string path = dir.write("svc.ini", "[zor]\na = 1\n");
+    temp_dir dir;
+    std::string path = put_file(dir, "svc.ini", "[zor]\na = 1\n");
     ini_ptr r(ini_open(path.c_str(), 'r'));
     ASSERT_TRUE(r);
     EXPECT_EQ(*r->path, path);
@@ -243,8 +249,8 @@ TEST(Ini, OpenModesAndFileNames) {
 }
 
 TEST(Ini, NullPathReadsStandardInputAndLeavesItOpen) {
-    TempDir dir;
-    std::string path = dir.write("stdin.ini", "[zor]\nfrom = stdin\n");
+    temp_dir dir;
+    std::string path = put_file(dir, "stdin.ini", "[zor]\nfrom = stdin\n");
     int saved = dup(STDIN_FILENO);
     ASSERT_GE(saved, 0);
     int fd = open(path.c_str(), O_RDONLY);
@@ -272,8 +278,8 @@ TEST(Ini, OverLongLinesArriveInBoundedPieces) {
 
     // The rest of a longer line is a line of its own, here without '='.
     std::string longer = "k = " + std::string(1500, 'v') + "\n";
-    TempDir dir;
-    std::string path = dir.write("long.ini", longer);
+    temp_dir dir;
+    std::string path = put_file(dir, "long.ini", longer);
     testing::internal::CaptureStderr();
     ini_t* ini = ini_load(path.c_str());
     std::string err = testing::internal::GetCapturedStderr();
@@ -288,7 +294,7 @@ TEST(Ini, OverLongLinesArriveInBoundedPieces) {
     ASSERT_TRUE(joined.ini);
     EXPECT_EQ(get(joined.ini.get(), nullptr, "k"), std::string(595, 'a') + std::string(424, 'b'));
 
-    path = dir.write("joined.ini", head + std::string(600, 'b') + "\n");
+    path = put_file(dir, "joined.ini", head + std::string(600, 'b') + "\n");
     testing::internal::CaptureStderr();
     ini = ini_load(path.c_str());
     err = testing::internal::GetCapturedStderr();
@@ -314,8 +320,8 @@ TEST(Ini, ArbitraryInputKeepsOneRecordPerName) {
             text.push_back(next() % 10 == 0 ? static_cast<char>(next() & 0xFF)
                                             : alphabet[next() % (sizeof alphabet - 1)]);
         }
-        TempDir dir;
-        std::string path = dir.write("fuzz.ini", text);
+        temp_dir dir;
+        std::string path = put_file(dir, "fuzz.ini", text);
         testing::internal::CaptureStderr();
         ini_ptr ini(ini_load(path.c_str()));
         testing::internal::GetCapturedStderr();

@@ -9,7 +9,7 @@
 #include "log.h"
 #include "main.h"
 #include "qmxsrv_ctx.h"
-#include "temp_dir.h"
+#include "test_util.h"
 #include "util/cmd_runner.h"
 
 namespace {
@@ -101,7 +101,7 @@ TEST_F(Kmod, ShellWordsInParametersAreRefused) {
 }
 
 TEST_F(Kmod, LoadIsLoggedWithTheWholeCommand) {
-    zor_test::TempDir dir;
+    zor_test::temp_dir dir;
     log_init(dir.path().c_str(), "zorsrv");
     kmod_load();
     log_release();

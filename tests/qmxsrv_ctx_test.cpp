@@ -8,11 +8,17 @@
 #include <utility>
 #include <vector>
 
-#include "temp_dir.h"
+#include "test_util.h"
 
 namespace {
 
-using zor_test::TempDir;
+using zor_test::temp_dir;
+
+// Writes `text` to `name` inside `dir` and returns the file's path.
+std::string put_file(const temp_dir& dir, const std::string& name, const std::string& text) {
+    zor_test::write_file(dir.file(name), text);
+    return dir.file(name);
+}
 
 class QmxsrvCtx : public testing::Test {
 protected:
@@ -35,7 +41,7 @@ protected:
 
     // Loads `text` and returns the loader's result and what it printed.
     std::pair<int, std::string> load(const std::string& text) {
-        std::string path = dir.write("zor.ini", text);
+        std::string path = put_file(dir, "zor.ini", text);
         testing::internal::CaptureStdout();
         int ok = qmxsrv_ctx_load(path.c_str());
         return {ok, testing::internal::GetCapturedStdout()};
@@ -47,7 +53,7 @@ protected:
                !c.host && !c.xdb;
     }
 
-    TempDir dir;
+    temp_dir dir;
     std::string writable_root = dir.file("run");
 };
 

@@ -6,7 +6,8 @@
 #include <cstring>
 
 void dir_make_chain(const char* path) {
-    if (!path) return;
+    struct stat st;
+    if (!path || stat(path, &st) == 0) return;
     char buf[256];
     snprintf(buf, sizeof buf, "%s", path);
     size_t len = strlen(buf);

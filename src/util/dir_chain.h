@@ -4,6 +4,6 @@
 // whoever uses the directory next reports what is wrong.
 #pragma once
 
-// Works on at most the first 255 characters of `path`; one trailing '/' is
-// ignored. Does nothing more than mkdir calls; an existing path is left as is.
+// Does nothing when `path` exists. Otherwise works on at most its first 255
+// characters, ignoring one trailing '/'.
 void dir_make_chain(const char* path);
