@@ -19,6 +19,7 @@
 #include "main.h"
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
+#include "xdb.h"
 
 namespace {
 
@@ -120,7 +121,7 @@ void log_start_lines() {
     // step 4: qmx_server release joins here (qmx_srv_release)
     // step 5: qmx_zor release joins here (zor_release)
     db_release();
-    // step 7: xdb category file release joins here (xdb_release)
+    xdb_release();
     log_release();
     qmxsrv_ctx_release();
     // step 10: qmx_curl release joins here (qmx_curl_release)
@@ -171,7 +172,11 @@ int main(int argc, char** argv) {
     }
     log_start_lines();
 
-    // step 10: xdb category file start joins here (xdb_init)
+    // A category file that does not load ends the process at once.
+    if (qmxsrv_ctx.xdb && xdb_init(qmxsrv_ctx.xdb->c_str()) != 0) {
+        LOG_E("Faild to load xdb!");
+        exit(1);
+    }
     // step 11: qmx_curl start joins here (qmx_curl_init)
     // step 12: base64 cipher and qmx_db cache start joins here (crypto_init and db_init)
     db_init();
