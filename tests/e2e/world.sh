@@ -48,8 +48,9 @@ if cut -d' ' -f1 /proc/world/modules | grep -qx -- "$name"; then
     echo "insmod: ERROR: could not insert module $ko: File exists" >&2
     exit 1
 fi
-echo "$name $*" >> /proc/world/modules
+# The control file first: a module listed as loaded has its file.
 if [ "$name" = zor ]; then : > /proc/zor/ctrl; fi
+echo "$name $*" >> /proc/world/modules
 EOF
     cat > "$bin/lsmod" <<'EOF'
 #!/bin/bash
