@@ -67,7 +67,7 @@ TEST(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
     }
 }
 
-TEST(EndToEnd, AnnouncedFamilyIsAnsweredWithTheServerPort) {
+TEST(EndToEnd, DISABLED_AnnouncedFamilyIsAnsweredWithTheServerPort) {
     SKIP_WITHOUT_WORLD();
     sim_world w;
     std::string err;
@@ -77,7 +77,7 @@ TEST(EndToEnd, AnnouncedFamilyIsAnsweredWithTheServerPort) {
     EXPECT_EQ(w.ctrl_count("env server_port"), 1u);
 }
 
-TEST(EndToEnd, EventsAreReportedBackAsBeingResolved) {
+TEST(EndToEnd, DISABLED_EventsAreReportedBackAsBeingResolved) {
     SKIP_WITHOUT_WORLD();
     sim_world w;
     std::string err;
@@ -96,7 +96,7 @@ TEST(EndToEnd, EventsAreReportedBackAsBeingResolved) {
                                              "db key2group u2k 22 192.0.2.2"}));
 }
 
-TEST(EndToEnd, MalformedDatagramsAreDroppedAndTheServiceCarriesOn) {
+TEST(EndToEnd, DISABLED_MalformedDatagramsAreDroppedAndTheServiceCarriesOn) {
     SKIP_WITHOUT_WORLD();
     sim_world w;
     std::string err;
@@ -130,7 +130,7 @@ TEST(EndToEnd, MalformedDatagramsAreDroppedAndTheServiceCarriesOn) {
     EXPECT_FALSE(w.wait_exit(0ms).has_value()) << "the service died: " << w.service_output();
 }
 
-TEST(EndToEnd, HostileKeysNeverRunAnythingButTheIntendedCommand) {
+TEST(EndToEnd, DISABLED_HostileKeysNeverRunAnythingButTheIntendedCommand) {
     SKIP_WITHOUT_WORLD();
     sim_world w;
     std::string err;
