@@ -96,6 +96,8 @@ const char* e2e_paths::service() {
 const char* e2e_paths::kernsim() { return ZOR_E2E_KERNSIM; }
 const char* e2e_paths::world_script() { return ZOR_E2E_WORLD_SCRIPT; }
 const char* e2e_paths::world_shell() { return ZOR_E2E_WORLD_SHELL; }
+const char* e2e_paths::zorctl() { return ZOR_E2E_ZORCTL; }
+const char* e2e_paths::xdbc() { return ZOR_E2E_XDBC; }
 
 std::string sim_world::unsupported_reason() {
     static const std::string reason = [] {
@@ -165,6 +167,7 @@ bool sim_world::start(const world_config& cfg, std::string& err) {
             if (m.rfind("zor ", 0) == 0) return true;
         return wait_exit(0ms).has_value();
     });
+    if (status_ && cfg.may_exit) return true;
     if (status_) {
         err = "the service ended at start with status " + std::to_string(*status_) +
               "; its output: " + service_output();
@@ -224,6 +227,18 @@ int sim_world::kernsim(const std::vector<std::string>& args) const {
     argv.insert(argv.end(), args.begin(), args.end());
     pid_t k = spawn(argv, dir_ + "/kernsim.out");
     return k < 0 ? -1 : wait_status(k);
+}
+
+int sim_world::zorctl(const std::vector<std::string>& args) const {
+    std::vector<std::string> argv = {e2e_paths::zorctl(), "-i", dir_ + "/zor.ini", "-t", "10"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_t z = spawn(argv, dir_ + "/zorctl.out");
+    return z < 0 ? -1 : wait_status(z);
+}
+
+int sim_world::xdbc_build(const std::string& source, const std::string& out) {
+    pid_t x = spawn({e2e_paths::xdbc(), "build", source, out}, out + ".log");
+    return x < 0 ? -1 : wait_status(x);
 }
 
 bool sim_world::announce(std::string& err) {

@@ -23,6 +23,7 @@ struct world_config {
     std::string xdb;                        // compiled category file, or empty
     std::string server = "127.0.0.1:1";     // the cloud's address
     std::vector<std::string> ini_lines;     // further "key = value" lines of section zor
+    bool may_exit = false;                  // ending right after loading the module is no failure
 };
 
 class sim_world {
@@ -70,6 +71,10 @@ public:
     // Runs kernsim against the service with `args` (kernsim's commands and
     // options after -p); returns its exit status.
     int kernsim(const std::vector<std::string>& args) const;
+    // Runs zorctl against the service's command socket; its exit status.
+    int zorctl(const std::vector<std::string>& args) const;
+    // Runs `xdbc build SOURCE OUT`; its exit status.
+    static int xdbc_build(const std::string& source, const std::string& out);
     // Announces the family and waits until the service told the kernel its
     // port ("env server_port <pid>").
     bool announce(std::string& err);
@@ -92,4 +97,7 @@ struct e2e_paths {
     static const char* kernsim();
     static const char* world_script();
     static const char* world_shell();
+    // Empty when the tool is not part of the build.
+    static const char* zorctl();
+    static const char* xdbc();
 };
