@@ -3,6 +3,7 @@
 // exchange. All calls are thread-safe.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -27,5 +28,8 @@ void zor_print_account();
 // exact reading rules).
 int response_error_code(const char* body);
 // Enciphers and posts a plain JSON query to the session's servers in turn
-// and returns the deciphered reply, or nullopt.
-std::optional<std::string> zor_query(const char* text);
+// and returns the deciphered reply, or nullopt. When `abort` is given, a
+// transfer in flight is abandoned (nullopt) soon after *abort becomes true
+// and no further server is tried: the event workers' release sets it so that
+// it never waits on the network while their sender is inside this call.
+std::optional<std::string> zor_query(const char* text, const std::atomic<bool>* abort = nullptr);
