@@ -8,6 +8,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cstdarg>
 #include <cerrno>
@@ -74,6 +75,8 @@ unique_fd listen_fd;
 unique_fd stop_fd;  // eventfd: readable once stop is asked
 std::thread ipc_thread_handle;
 std::string bound_path;
+// Set by stop so that a cloud query in flight is abandoned, not waited for.
+std::atomic<bool> query_abort{false};
 
 enum class wait_result { ready, stop, timeout, error };
 
@@ -201,7 +204,7 @@ void query(ipc_request& req, ipc_reply& reply) {
     json_text text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
     LOG_D("Send: %s", text.get());
-    std::optional<std::string> plain = zor_query(text.get());
+    std::optional<std::string> plain = zor_query(text.get(), &query_abort);
     if (plain && !plain->empty()) LOG_D("Plain: %s", plain->c_str());
 }
 
@@ -328,6 +331,7 @@ void ipc_thread(int listen, int stop) {
 
 void stop_locked() {
     if (ipc_thread_handle.joinable()) {
+        query_abort = true;
         uint64_t one = 1;
         ssize_t rc = write(stop_fd.get(), &one, sizeof one);
         (void)rc;  // an eventfd counter write only fails once it is near overflow
@@ -397,6 +401,7 @@ int ipc_srv_start() {
         unlink(path);
         return 0;
     }
+    query_abort = false;
     try {
         ipc_thread_handle = std::thread(ipc_thread, sock.get(), stop.get());
     } catch (const std::system_error&) {
