@@ -1,9 +1,17 @@
 // Logging: one process-wide log file <dir>/<name>.log, written a line at a
 // time by eight level writers, plus a cleaner thread that rotates the file to
 // <file>.bk once it grows past 1 MiB. Any thread may log; every writer holds
-// the context mutex from opening the file to closing it, so lines never
-// interleave. Before log_init() and after log_release() every writer is a
-// no-op.
+// the module's mutex from opening the file to closing it, so lines never
+// interleave, and the file is reopened for every line so that a rotation or
+// an outside deletion takes effect at the next one. Before log_init() and
+// after log_release() every writer is a no-op. The lifecycle calls (init,
+// release, free) may come from any thread but are meant for the main one.
+//
+// A level-writer line is "YYYYmmdd HH:MM:SS name/LLL[T] message" + CR LF,
+// cut at 1023 characters; `name` is four characters of the source path
+// (those before its extension), LLL the line number with at least three
+// digits, T the level tag: G (always), A 1, C 2, E 3, W 4, N 5, I 6, D 7.
+// A writer writes when the level is at least its number (default 6).
 #pragma once
 
 #include <chrono>
@@ -18,9 +26,10 @@ struct log_context;
 // Starts logging into <dir>/<name>.log, creating missing directories. A
 // running log is released first. Starts the cleaner thread.
 void log_init(const char* dir, const char* name);
-// Stops and joins the cleaner, then frees the context. Safe twice.
+// Logs "log_release" (D), then does log_free. Safe twice and before init.
 void log_release();
-// Closes the file and frees the context without touching the cleaner.
+// Logs "log_free" (D), stops and joins the cleaner (it has nothing left to
+// do without a context) and frees the context. Safe twice and before init.
 void log_free();
 void log_set_level(uint32_t level);
 // enabled = 0 silences the eight level writers; console = 1 mirrors every
@@ -33,6 +42,7 @@ log_context* log_get();
 void log_set_clean_interval(std::chrono::milliseconds period);
 
 // The level writers. `file` is the caller's source path, `line` its line.
+// log_set(0, ...) silences all of them, "G" included.
 void log_g(const char* file, int line, const char* fmt, ...) ZOR_PRINTF(3, 4);
 void log_a(const char* file, int line, const char* fmt, ...) ZOR_PRINTF(3, 4);
 void log_c(const char* file, int line, const char* fmt, ...) ZOR_PRINTF(3, 4);
@@ -42,11 +52,16 @@ void log_n(const char* file, int line, const char* fmt, ...) ZOR_PRINTF(3, 4);
 void log_i(const char* file, int line, const char* fmt, ...) ZOR_PRINTF(3, 4);
 void log_d(const char* file, int line, const char* fmt, ...) ZOR_PRINTF(3, 4);
 
-// A title line and a hex dump of at most 2048 bytes of `data`.
+// A title line "stamp [T] title" and a hex dump of at most 2048 bytes of
+// `data`, written when `level` is at most the threshold (T from level & 7);
+// log_set does not silence it. Lines end in LF only.
 void log_hex(uint32_t level, const char* title, const void* data, size_t len);
-// One line made of `count` strings.
+// One line "stamp [T] " followed by " string" for each of `count` strings;
+// the same level rule as log_hex.
 void log_strings(uint32_t level, int count, const char* const* strings);
-// The dump format itself: 16 bytes a line, decimal offsets, text column.
+// The dump format itself: 16 bytes a line, "%04d: " decimal offsets, "%02x "
+// bytes, four blanks, then the bytes as text ('.' for unprintable ones).
+// At most 2048 bytes; nothing for null or 0.
 void hexdump(FILE* stream, const void* data, size_t len);
 
 // Call-site macros: every message carries the file and line it came from.

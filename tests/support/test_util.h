@@ -1,0 +1,54 @@
+// Helpers shared by the unit tests: a temporary directory that removes
+// itself, whole-file reads and writes, and a log capture that points the
+// service's log at a temporary directory for the life of one test.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace zor_test {
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents when
+// the object goes. Not copyable.
+class temp_dir {
+public:
+    temp_dir();
+    ~temp_dir();
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+
+    const std::string& path() const { return path_; }
+    // path() + "/" + name.
+    std::string file(const std::string& name) const;
+
+private:
+    std::string path_;
+};
+
+// The whole file, or "" when it cannot be read.
+std::string read_file(const std::string& path);
+// Replaces the file's contents; returns false on failure.
+bool write_file(const std::string& path, const std::string& contents);
+bool file_exists(const std::string& path);
+
+// Starts the service log in a temporary directory at level 7 (everything)
+// and releases it on destruction. lines() returns what has been written so
+// far, one entry per line without its CR LF.
+class log_capture {
+public:
+    explicit log_capture(unsigned level = 7);
+    ~log_capture();
+    log_capture(const log_capture&) = delete;
+    log_capture& operator=(const log_capture&) = delete;
+
+    // The log file's path ("<dir>/test.log").
+    std::string log_path() const;
+    std::vector<std::string> lines() const;
+    // True when some line contains `text`.
+    bool contains(const std::string& text) const;
+
+private:
+    temp_dir dir_;
+};
+
+}  // namespace zor_test
