@@ -216,8 +216,12 @@ TEST_F(PctrlReader, BadRuleIsReportedAndSkipped) {
         auto r = rules();
         ASSERT_EQ(r.size(), 1u);
         EXPECT_EQ(r[0].id, 1);
-        if (c.message != nullptr) EXPECT_TRUE(log.contains(c.message));
-        if (c.absent != nullptr) EXPECT_FALSE(log.contains(c.absent));
+        if (c.message != nullptr) {
+            EXPECT_TRUE(log.contains(c.message));
+        }
+        if (c.absent != nullptr) {
+            EXPECT_FALSE(log.contains(c.absent));
+        }
     }
 }
 
