@@ -12,12 +12,29 @@ namespace {
 constexpr size_t kDbLineSize = 256;
 constexpr size_t kPcAddLineSize = 400;
 
-// Formats into a zero-filled buffer of N bytes, cut silently like snprintf.
+// A line formatted into a zero-filled buffer of N bytes, cut like snprintf.
+struct bounded_line {
+    std::string text;
+    bool cut = false;
+};
+
 template <size_t N, typename... Args>
-std::string bounded(const char* fmt, Args... args) {
+bounded_line bounded(const char* fmt, Args... args) {
     char buf[N] = {};
-    snprintf(buf, sizeof buf, fmt, args...);
-    return std::string(buf);
+    int n = snprintf(buf, sizeof buf, fmt, args...);
+    return {std::string(buf), n < 0 || static_cast<size_t>(n) >= N};
+}
+
+// A cut line has lost its closing quote or part of its redirection; what is
+// left could only fail in the shell or create a stray file named after a
+// prefix of the control file's path, and never reaches the kernel. It is
+// logged like any other line but not run.
+int run_line(const bounded_line& line) {
+    if (line.cut) {
+        LOG_D("command longer than its buffer, not run");
+        return -1;
+    }
+    return cmd_run(line.text);
 }
 
 bool key_is_safe(const char* what, const char* key) {
@@ -35,21 +52,21 @@ unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
 
 int zor_notify_u2k(int type, const char* key) {
     if (!key_is_safe("u2k", key)) return -1;
-    std::string cmd = bounded<kDbLineSize>(
+    bounded_line cmd = bounded<kDbLineSize>(
         "[ -f /proc/zor/ctrl ] && echo \"db key2group u2k %d %s\" > /proc/zor/ctrl", type,
         shell_escape_dq(key).c_str());
-    LOG_D("[%u] %s", now_seconds(), cmd.c_str());
-    return cmd_run(cmd);
+    LOG_D("[%u] %s", now_seconds(), cmd.text.c_str());
+    return run_line(cmd);
 }
 
 int zor_notify_db_group(int source, int type, const char* key, int ttl, int group, int sub_group) {
     if (group < 0 || sub_group < 0) return -1;
     if (!key_is_safe("update", key)) return -1;
-    std::string cmd = bounded<kDbLineSize>(
+    bounded_line cmd = bounded<kDbLineSize>(
         "[ -f /proc/zor/ctrl ] && echo \"db key2group update %d %d %s %d %d %d\" > /proc/zor/ctrl",
         source, type, shell_escape_dq(key).c_str(), ttl, group, sub_group);
-    LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.c_str());
-    return cmd_run(cmd);
+    LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.text.c_str());
+    return run_line(cmd);
 }
 
 const std::string& zor_ctrl_pc_clean_line() {
@@ -61,12 +78,15 @@ std::optional<std::string> zor_ctrl_pc_add_line(int kind, const char* mac, const
                                                 unsigned long from, unsigned long to) {
     if (mac == nullptr || content == nullptr) return std::nullopt;
     if (has_control_bytes(mac) || has_control_bytes(content)) return std::nullopt;
-    return bounded<kPcAddLineSize>(
+    bounded_line line = bounded<kPcAddLineSize>(
         "[ -f /proc/zor/ctrl ] && echo \"pc rule add %d %s %s %lu %lu\" > /proc/zor/ctrl", kind,
         shell_escape_dq(mac).c_str(), shell_escape_dq(content).c_str(), from, to);
+    if (line.cut) return std::nullopt;
+    return line.text;
 }
 
 std::string zor_ctrl_server_port_line(int pid) {
     return bounded<kDbLineSize>("[ -f /proc/zor/ctrl ] && echo \"env server_port %d\" > /proc/zor/ctrl",
-                                pid);
+                                pid)
+        .text;
 }
