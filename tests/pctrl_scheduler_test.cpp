@@ -112,11 +112,12 @@ TEST_F(PctrlScheduler, ApplyCleansThenAddsEachRuleInFileOrder) {
     for (const auto& line : want) EXPECT_TRUE(log.contains("[I] pctrl command: " + line)) << line;
 }
 
-TEST_F(PctrlScheduler, RuleTextsAreEscapedAndControlBytesDropTheRule) {
+TEST_F(PctrlScheduler, RuleTextsAreEscapedAndUnsendableRulesAreSkipped) {
     cmd_recorder rec;
     set_rules(R"({"1": {"mac": "aabbccddeeff", "dn": "a\"b$(reboot)`x`\\c"},
                  "2": {"mac": "aabbccddeeff", "dn": "bad\u0001name"},
-                 "3": {"mac": "aabbccddeeff", "cn": "5"}})");
+                 "3": {"mac": "aabbccddeeff", "dn": ")" + std::string(380, 'd') + R"("},
+                 "4": {"mac": "aabbccddeeff", "cn": "5"}})");
     pctrl_apply_rules();
     std::vector<std::string> want = {
         kClean,

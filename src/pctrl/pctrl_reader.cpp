@@ -36,7 +36,7 @@ std::function<time_t()> clock_fn;  // covered by clock_lock; empty means time()
 
 enum class read_status { ok, empty, too_large };
 
-// Reads the open file whole in 1024-byte chunks. Null text for an empty file.
+// Reads the open file whole in 1024-byte chunks into one terminated text.
 read_status read_whole(FILE* f, text_ptr* out) {
     strbuf_t sb{};
     char chunk[1024];
@@ -50,11 +50,11 @@ read_status read_whole(FILE* f, text_ptr* out) {
         strbuf_append(&sb, chunk, n);
     }
     uint32_t length = 0;
-    text_ptr data(strbuf_detach(&sb, &length));
+    text_ptr data(strbuf_detach(&sb, &length));  // zero-terminated after every append
     if (status != read_status::ok) return status;
     if (data == nullptr || length == 0) return read_status::empty;
-    out->reset(mem_dup(data.get(), length));
-    return *out ? read_status::ok : read_status::empty;
+    *out = std::move(data);
+    return read_status::ok;
 }
 
 // A JSON number as the reader sees it: the double truncated to int, held

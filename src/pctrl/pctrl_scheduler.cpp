@@ -55,7 +55,7 @@ void send_rule(const pctrl_rule& rule) {
                                      static_cast<uint32_t>(rule.from),
                                      static_cast<uint32_t>(rule.to));
     if (!line) {
-        LOG_D("Rule id %d holds control bytes, not sent", rule.id);
+        LOG_D("Rule id %d not sent: control bytes or a line too long", rule.id);
         return;
     }
     run_logged(*line);
