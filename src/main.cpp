@@ -1,6 +1,182 @@
-#include <cstdio>
+// Entry point of zor_service: command line, configuration, optional daemon
+// start, the subsystems in their fixed start order, the kernel module, then
+// a wait loop that ends in service_shutdown().
+//
+// Signals only record their number. SIGTERM and SIGINT are blocked from
+// before the first thread starts, so every thread inherits the block and the
+// main thread alone takes them, atomically unblocked inside its wait.
+#include <getopt.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-int main() {
-    fputs("usage: -i <ini file>\n", stderr);
-    return 1;
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "kmod.h"
+#include "log.h"
+#include "main.h"
+#include "qmxsrv_ctx.h"
+
+namespace {
+
+constexpr timespec kWaitPeriod = {1, 0};
+
+volatile sig_atomic_t stop_signal = 0;
+
+struct entry_options {
+    const char* ini = nullptr;      // -i
+    const char* log_dir = nullptr;  // -l
+    bool daemon = false;            // -d
+};
+
+void signal_handler(int signo) {
+    if (signo == SIGTERM || signo == SIGKILL || signo == SIGINT) stop_signal = signo;
+}
+
+void install_signal_handlers() {
+    struct sigaction sa = {};
+    sa.sa_handler = signal_handler;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGKILL, &sa, nullptr);  // refused by the system; harmless
+    sigaction(SIGPIPE, &sa, nullptr);
+    signal(SIGINT, signal_handler);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+// Blocks SIGTERM and SIGINT; returns the mask to wait with (them unblocked).
+sigset_t block_stop_signals() {
+    sigset_t stop, previous;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGTERM);
+    sigaddset(&stop, SIGINT);
+    sigprocmask(SIG_BLOCK, &stop, &previous);
+    sigdelset(&previous, SIGTERM);
+    sigdelset(&previous, SIGINT);
+    return previous;
+}
+
+// Above 20000 becomes 20000, then below 2000 becomes 2000.
+int32_t clamp_caches(int32_t n) {
+    if (n > 20000) n = 20000;
+    if (n < 2000) n = 2000;
+    return n;
+}
+
+// A number with "%d"; the setting keeps its value when there is none.
+void scan_int(const char* arg, int32_t* out) {
+    int v = 0;
+    if (sscanf(arg, "%d", &v) == 1) *out = v;
+}
+
+// False on any option getopt rejects (it has printed why).
+bool parse_options(int argc, char** argv, entry_options* o) {
+    int c;
+    while ((c = getopt(argc, argv, "i:l:c:f:w:q:p:m:r:d")) != -1) {
+        switch (c) {
+            case 'i': o->ini = optarg; break;
+            case 'l': o->log_dir = optarg; break;
+            case 'c': caches = clamp_caches(atoi(optarg)); break;
+            case 'f': scan_int(optarg, &flows); break;
+            case 'w': ifwan = optarg; break;
+            case 'q': scan_int(optarg, &qos); break;
+            case 'p': scan_int(optarg, &pc); break;
+            case 'm': scan_int(optarg, &cloud); break;
+            case 'r': router_mode = atoi(optarg); break;
+            case 'd': o->daemon = true; break;
+            default: return false;
+        }
+    }
+    return true;
+}
+
+void daemonize() {
+    // Nothing buffered may be written twice by parent and child.
+    fflush(stdout);
+    fflush(stderr);
+    if (fork() != 0) _exit(0);
+    setsid();
+    umask(0);
+}
+
+void log_start_lines() {
+    const qmxsrv_ctx_t& c = qmxsrv_ctx;
+    LOG_D("server_url: %s", c.server->c_str());
+    LOG_D("product: %s", c.product->c_str());
+    LOG_D("acount: %s", c.auth_id->c_str());
+    LOG_D("host: %s", c.host->c_str());
+}
+
+// Releases every subsystem in the fixed order and ends the process. Each
+// release is safe whether or not its subsystem started.
+[[noreturn]] void service_shutdown(int status) {
+    LOG_I("Shutdown service...");
+    // step 2: ipc_server release joins here (ipc_srv_stop)
+    // step 3: pctrl_scheduler release joins here (pctrl_sched_stop)
+    // step 4: qmx_server release joins here (qmx_srv_release)
+    // step 5: qmx_zor release joins here (zor_release)
+    // step 6: qmx_db cache release joins here (db_release)
+    // step 7: xdb category file release joins here (xdb_release)
+    log_release();
+    qmxsrv_ctx_release();
+    // step 10: qmx_curl release joins here (qmx_curl_release)
+    exit(status);
+}
+
+[[noreturn]] void wait_loop(const sigset_t& wait_mask) {
+    for (;;) {
+        if (!stop_signal) ppoll(nullptr, 0, &kWaitPeriod, &wait_mask);
+        if (stop_signal) service_shutdown(0);
+        if (qmxsrv_ctx.running == 0) service_shutdown(0);
+        if (qmxsrv_ctx.auth_invalid != 0) {
+            kmod_unload_modules();
+            service_shutdown(0);
+        }
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    install_signal_handlers();
+
+    entry_options opt;
+    if (!parse_options(argc, argv, &opt)) return 1;
+    if (!opt.ini) {
+        fputs("usage: -i <ini file>\n", stderr);
+        return 1;
+    }
+    if (!qmxsrv_ctx_load(opt.ini)) {
+        fprintf(stderr, "Error to read %s\n", opt.ini);
+        return 1;
+    }
+    // Checked before daemonising, so the operator sees the refusal.
+    if (access(qmxsrv_ctx.ipc_socket, F_OK) == 0) {
+        fprintf(stderr,
+                "The previous operation maybe invalid. Please:\n1. killall zor_service\n2. remove %s\n",
+                qmxsrv_ctx.ipc_socket);
+        service_shutdown(1);
+    }
+    if (opt.daemon) daemonize();
+    qmxsrv_ctx.pid = getpid();
+
+    const sigset_t wait_mask = block_stop_signals();
+    if (opt.log_dir) {
+        log_init(opt.log_dir, "zorsrv");
+        log_set_level(qmxsrv_ctx.log_level);
+    }
+    log_start_lines();
+
+    // step 10: xdb category file start joins here (xdb_init)
+    // step 11: qmx_curl start joins here (qmx_curl_init)
+    // step 12: base64 cipher and qmx_db cache start joins here (crypto_init and db_init)
+    // step 13: qmx_zor start joins here (zor_init)
+    // step 14: qmx_server start joins here (qmx_srv_start)
+    // step 15: ipc_server start joins here (ipc_srv_start)
+    LOG_I("ZOR service start up");
+    kmod_load();
+    wait_loop(wait_mask);
 }

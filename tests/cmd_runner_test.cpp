@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 #include <thread>
@@ -130,6 +131,33 @@ TEST_F(CmdRunnerTest, InstalledRunnerSeesEveryLineAndEmptyMembersFallBack) {
     EXPECT_EQ(cmd_capture("echo back"), std::optional<std::string>("back\n"));
     EXPECT_EQ(ran.size(), 2u);
     EXPECT_EQ(captured.size(), 1u);
+}
+
+}  // namespace
+
+namespace {
+
+// A daemon may run with standard input and output closed; the pipe made for
+// a capture then takes the lowest descriptors, 0 and 1.
+TEST_F(CmdRunnerTest, CaptureWorksWithStandardDescriptorsClosed) {
+    fflush(stdout);
+    int saved_in = dup(0);
+    int saved_out = dup(1);
+    ASSERT_GE(saved_in, 0);
+    ASSERT_GE(saved_out, 0);
+    close(0);
+    close(1);
+    std::optional<std::string> both_closed = cmd_capture("echo hi");
+    int status = cmd_run("exit 5");
+    dup2(saved_in, 0);
+    close(1);  // only output closed: the pipe gets 1 and a higher descriptor
+    std::optional<std::string> out_closed = cmd_capture("echo again");
+    dup2(saved_out, 1);
+    close(saved_in);
+    close(saved_out);
+    EXPECT_EQ(both_closed, std::optional<std::string>("hi\n"));
+    EXPECT_EQ(out_closed, std::optional<std::string>("again\n"));
+    EXPECT_EQ(WEXITSTATUS(status), 5);
 }
 
 }  // namespace

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -107,11 +109,15 @@ TEST(List, PopsTakeFromTheirEndAndEmptyTheListCompletely) {
 
 TEST(List, PopOnEmptyListNeverWaitsForTheMutex) {
     owned_list l;
-    std::lock_guard<std::mutex> held(l.list->lock);  // a second lock would deadlock
-    EXPECT_EQ(list_pop_front(l.list), nullptr);
-    EXPECT_EQ(list_pop_back(l.list), nullptr);
-    EXPECT_EQ(list_pop_front_node(l.list), nullptr);
-    EXPECT_EQ(list_pop_back_node(l.list), nullptr);
+    std::unique_lock<std::mutex> held(l.list->lock);
+    auto pops = std::async(std::launch::async, [&] {
+        return list_pop_front(l.list) == nullptr && list_pop_back(l.list) == nullptr &&
+               list_pop_front_node(l.list) == nullptr && list_pop_back_node(l.list) == nullptr;
+    });
+    bool finished = pops.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    held.unlock();  // lets a wrongly blocked pop finish before the list goes
+    EXPECT_TRUE(finished) << "a pop on an empty list waited for the mutex";
+    EXPECT_TRUE(pops.get());
 }
 
 TEST(List, GetAndNodeAtIndexFromTheHeadAndStopAtCount) {

@@ -27,6 +27,19 @@ struct pipe_fds {
         if (fd[i] >= 0) close(fd[i]);
         fd[i] = -1;
     }
+    // A daemon may run with 0-2 closed, so pipe2 can hand out a standard
+    // descriptor; the child's dup2 onto standard output and its closes would
+    // then destroy the very end it writes to. Both ends are moved above 2.
+    bool lift_above_std() {
+        for (int& f : fd) {
+            if (f > STDERR_FILENO) continue;
+            int moved = fcntl(f, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+            if (moved < 0) return false;
+            close(f);
+            f = moved;
+        }
+        return true;
+    }
 };
 
 int wait_child(pid_t pid) {
@@ -73,7 +86,7 @@ int cmd_run_shell(const std::string& line) {
 
 std::optional<std::string> cmd_capture_shell(const std::string& line) {
     pipe_fds p;
-    if (pipe2(p.fd, O_CLOEXEC) != 0) return std::nullopt;
+    if (pipe2(p.fd, O_CLOEXEC) != 0 || !p.lift_above_std()) return std::nullopt;
     pid_t pid = 0;
     if (spawn_shell(line, p.fd[1], p.fd[0], &pid) != 0) return std::nullopt;
     p.close_end(1);
