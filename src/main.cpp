@@ -17,6 +17,7 @@
 #include "kmod.h"
 #include "log.h"
 #include "main.h"
+#include "qmx_db.h"
 #include "qmxsrv_ctx.h"
 
 namespace {
@@ -118,7 +119,7 @@ void log_start_lines() {
     // step 3: pctrl_scheduler release joins here (pctrl_sched_stop)
     // step 4: qmx_server release joins here (qmx_srv_release)
     // step 5: qmx_zor release joins here (zor_release)
-    // step 6: qmx_db cache release joins here (db_release)
+    db_release();
     // step 7: xdb category file release joins here (xdb_release)
     log_release();
     qmxsrv_ctx_release();
@@ -173,6 +174,7 @@ int main(int argc, char** argv) {
     // step 10: xdb category file start joins here (xdb_init)
     // step 11: qmx_curl start joins here (qmx_curl_init)
     // step 12: base64 cipher and qmx_db cache start joins here (crypto_init and db_init)
+    db_init();
     // step 13: qmx_zor start joins here (zor_init)
     // step 14: qmx_server start joins here (qmx_srv_start)
     // step 15: ipc_server start joins here (ipc_srv_start)

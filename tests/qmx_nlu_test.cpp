@@ -3,9 +3,6 @@
 #include "qmx_nlu.h"
 
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,67 +15,12 @@
 #include <vector>
 
 #include "cmd_recorder.h"
+#include "nl_peer.h"
 
 namespace {
 
-using bytes = std::vector<uint8_t>;
+using namespace nl_peer;
 using namespace std::chrono_literals;
-
-void put16(bytes& b, size_t at, uint16_t v) { memcpy(&b[at], &v, 2); }
-void put32(bytes& b, size_t at, uint32_t v) { memcpy(&b[at], &v, 4); }
-uint32_t get32(const bytes& b, size_t at) {
-    uint32_t v;
-    memcpy(&v, &b[at], 4);
-    return v;
-}
-
-size_t align4(size_t n) { return (n + 3) & ~size_t{3}; }
-
-void put_attr(bytes& b, uint16_t type, const void* data, size_t len) {
-    size_t at = b.size();
-    b.resize(at + align4(4 + len), 0);
-    put16(b, at, static_cast<uint16_t>(4 + len));
-    put16(b, at + 2, type);
-    memcpy(&b[at + 4], data, len);
-}
-
-bytes genl_msg(uint16_t type, uint8_t cmd) {
-    bytes b(20, 0);
-    put16(b, 4, type);
-    b[16] = cmd;
-    return b;
-}
-
-void seal(bytes& b) { put32(b, 0, static_cast<uint32_t>(b.size())); }
-
-// What the controller answers: family name, then (normally) the family id.
-bytes announce(const std::string& name, uint16_t id, uint16_t id_type = 1) {
-    bytes b = genl_msg(16, 1);
-    put_attr(b, 2, name.c_str(), name.size() + 1);
-    put_attr(b, id_type, &id, sizeof id);
-    uint32_t version = 1;
-    put_attr(b, 3, &version, 4);
-    seal(b);
-    return b;
-}
-
-// A kernel event: the record in one attribute, its text in a field of
-// `field` bytes; `data_len` is what the record claims.
-bytes event(uint16_t fid, uint32_t flags, uint32_t type, const std::string& text, uint32_t field,
-            uint32_t data_len, uint8_t cmd = 1) {
-    bytes rec(12 + field, 0);
-    uint32_t words[3] = {flags, type, data_len};
-    memcpy(rec.data(), words, 12);
-    memcpy(rec.data() + 12, text.data(), std::min<size_t>(text.size(), field));
-    bytes b = genl_msg(fid, cmd);
-    put_attr(b, 1, rec.data(), rec.size());
-    seal(b);
-    return b;
-}
-
-bytes domain_event(uint16_t fid, const std::string& text, uint32_t flags = 0) {
-    return event(fid, flags, 20, text, 256, 256);
-}
 
 // Events the callback saw.
 struct seen_event {
@@ -262,46 +204,6 @@ TEST_F(NluDatagram, EveryTruncationIsHandledWithinBounds) {
 
 // ---- the real socket ----
 
-// A socket playing the kernel module: it unicasts to the service's port.
-class kernel_side {
-public:
-    kernel_side() {
-        fd_ = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC);
-        sockaddr_nl self{};
-        self.nl_family = AF_NETLINK;
-        if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&self), sizeof self) == 0) {
-            socklen_t len = sizeof self;
-            getsockname(fd_, reinterpret_cast<sockaddr*>(&self), &len);
-            port_ = self.nl_pid;
-        }
-    }
-    ~kernel_side() {
-        if (fd_ >= 0) close(fd_);
-    }
-    bool ok() const { return fd_ >= 0 && port_ != 0; }
-    uint32_t port() const { return port_; }
-    // 0, or the errno of the send.
-    int send_to(uint32_t port, const bytes& b) const {
-        sockaddr_nl to{};
-        to.nl_family = AF_NETLINK;
-        to.nl_pid = port;
-        ssize_t n = sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-        return n < 0 ? errno : 0;
-    }
-    bytes receive(std::chrono::milliseconds timeout) const {
-        pollfd p{fd_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(timeout.count())) != 1) return {};
-        bytes b(2048);
-        ssize_t n = recv(fd_, b.data(), b.size(), 0);
-        b.resize(n > 0 ? static_cast<size_t>(n) : 0);
-        return b;
-    }
-
-private:
-    int fd_ = -1;
-    uint32_t port_ = 0;
-};
-
 template <class Pred>
 bool eventually(Pred pred, std::chrono::milliseconds limit = 5s) {
     auto end = std::chrono::steady_clock::now() + limit;
@@ -329,7 +231,7 @@ protected:
     const uint32_t port = static_cast<uint32_t>(getpid());
     cmd_recorder rec;
     channel ch;
-    std::optional<kernel_side> kernel;
+    std::optional<socket_peer> kernel;
 };
 
 TEST_F(NluSocket, AnnouncementAndEventsArriveOverTheSocket) {
