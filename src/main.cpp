@@ -14,11 +14,15 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base64.h"
 #include "kmod.h"
 #include "log.h"
 #include "main.h"
+#include "qmx_curl.h"
 #include "qmx_db.h"
+#include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
+#include "xdb.h"
 
 namespace {
 
@@ -103,6 +107,11 @@ void daemonize() {
     umask(0);
 }
 
+// A configured text, or null when the key was absent.
+const char* opt_str(const std::optional<std::string>& s) {
+    return s ? s->c_str() : nullptr;
+}
+
 void log_start_lines() {
     const qmxsrv_ctx_t& c = qmxsrv_ctx;
     LOG_D("server_url: %s", c.server->c_str());
@@ -118,12 +127,12 @@ void log_start_lines() {
     // step 2: ipc_server release joins here (ipc_srv_stop)
     // step 3: pctrl_scheduler release joins here (pctrl_sched_stop)
     // step 4: qmx_server release joins here (qmx_srv_release)
-    // step 5: qmx_zor release joins here (zor_release)
+    zor_release();
     db_release();
-    // step 7: xdb category file release joins here (xdb_release)
+    xdb_release();
     log_release();
     qmxsrv_ctx_release();
-    // step 10: qmx_curl release joins here (qmx_curl_release)
+    qmx_curl_release();
     exit(status);
 }
 
@@ -171,11 +180,20 @@ int main(int argc, char** argv) {
     }
     log_start_lines();
 
-    // step 10: xdb category file start joins here (xdb_init)
-    // step 11: qmx_curl start joins here (qmx_curl_init)
-    // step 12: base64 cipher and qmx_db cache start joins here (crypto_init and db_init)
+    // A category file that does not load ends the process at once.
+    if (qmxsrv_ctx.xdb && xdb_init(qmxsrv_ctx.xdb->c_str()) != 0) {
+        LOG_E("Faild to load xdb!");
+        exit(1);
+    }
+    if (qmx_curl_init() != 0) {
+        LOG_E("Faild to initialize CURL!");
+        service_shutdown(1);
+    }
+    crypto_init();
     db_init();
-    // step 13: qmx_zor start joins here (zor_init)
+    if (!zor_init(opt_str(qmxsrv_ctx.server), opt_str(qmxsrv_ctx.product), opt_str(qmxsrv_ctx.auth_id),
+                  opt_str(qmxsrv_ctx.auth_pwd), opt_str(qmxsrv_ctx.host)))
+        service_shutdown(1);
     // step 14: qmx_server start joins here (qmx_srv_start)
     // step 15: ipc_server start joins here (ipc_srv_start)
     LOG_I("ZOR service start up");

@@ -1,9 +1,17 @@
 // Category file: the compiled automaton of domain patterns with its IPv4
 // prefix filter, loaded once at start-up and read without locks afterwards.
+//
+// The main thread loads the file (xdb_init) before any worker runs and frees
+// it (xdb_release) after the workers are joined; in between the tables are
+// immutable and any number of threads may match against them at once. The
+// loader converts every table to host byte order and refuses a file whose
+// tables could make the matcher read outside them, so the matcher trusts
+// the invariants listed on xac_tables.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 // Called for an accepted match: (text, text length, 20-bit category id,
 // match end, match length, 0, argument). Its result is ignored by the
@@ -11,13 +19,99 @@
 using xac_match_fn = int (*)(const char* text, int len, uint32_t id, uint32_t end, int match_len,
                              int zero, void* arg);
 
-// Loads `path` as the process-wide category file. Returns 0, or -1 after the
-// loader's messages on standard error.
+inline constexpr size_t XDB_BLOCK_HEADER_SIZE = 12;
+inline constexpr size_t XAC_HEADER_SIZE = 576;
+// Prefilter bytes the matcher uses: one bit per first octet.
+inline constexpr size_t XDB_PREFILTER_BYTES = 32;
+
+// One loaded xac block. Everything here is immutable once xdb_load returns.
+// Invariants established by the loader (the matcher relies on them):
+// - every state reachable from the root (through valid transitions and
+//   failure links) is below trans_count, and its failure chain reaches the
+//   root without a cycle;
+// - a valid transition that reports no output targets a state;
+// - every pattern index reachable from a leaf target or from an output-hash
+//   slot the search can stop at lies in the pattern table, and the chain
+//   from it ends inside the table;
+// - every such record's postfix lies inside the postfix table and its suffix
+//   inside the suffix table.
+struct xac_tables {
+    uint8_t header[XAC_HEADER_SIZE] = {};  // as read, unexamined bytes kept
+
+    // Header fields, host order.
+    uint16_t symbols[256] = {};  // input byte -> automaton symbol, 0 = not in the alphabet
+    uint32_t check_mask = 0;
+    uint32_t state_shift = 0;  // already reduced to 0..31
+    uint32_t trans_count = 0;  // T
+    uint32_t hash_slots = 0;   // H
+    uint32_t hash_modulus = 0;
+    uint32_t pattern_count = 0;  // N; the pattern table holds N + 1 records
+    uint32_t suffix_size = 0;    // S
+    uint32_t postfix_size = 0;   // P
+    uint8_t flags_a = 0;
+    uint8_t flags_b = 0;
+    uint32_t suffix_unit = 0;  // U, 0..7
+    bool anchored = false;
+    bool has_patterns = false;  // flag A carries any of 0x1C
+
+    // Longest distance from a key's home slot to the slot that holds it:
+    // an output-hash search never looks further.
+    uint32_t hash_probe_limit = 0;
+
+    // The five tables. `trans` and `hash` share one allocation (`area`);
+    // hash slots are (key, value) word pairs. Pattern records are two words
+    // each. A table the file does not carry is null.
+    std::unique_ptr<uint32_t[]> area;
+    const uint32_t* trans = nullptr;
+    const uint32_t* hash = nullptr;
+    std::unique_ptr<uint8_t[]> suffix;
+    std::unique_ptr<uint32_t[]> patterns;
+    std::unique_ptr<uint8_t[]> postfix;
+};
+
+// A loaded category file: its xac block and the IPv4 prefilter (null when
+// the file carried no usable prefilter block).
+struct category_db {
+    std::unique_ptr<xac_tables> tables;
+    std::unique_ptr<uint8_t[]> prefilter;  // XDB_PREFILTER_BYTES bytes
+};
+
+// Frees the tables in the file's own order, then the prefilter and `db`.
+// Null is ignored.
+void category_db_free(category_db* db);
+
+struct category_db_deleter {
+    void operator()(category_db* db) const { category_db_free(db); }
+};
+using category_db_ptr = std::unique_ptr<category_db, category_db_deleter>;
+
+// Reads `path` as a category file. Returns null after its messages on
+// standard error. Reads nothing past what the headers declare.
+[[nodiscard]] category_db_ptr xdb_load(const char* path);
+// The same over bytes already in memory (used by tests and fuzzing).
+[[nodiscard]] category_db_ptr xdb_load_mem(const void* data, size_t len);
+
+// Loads `path` as the process-wide category file. Returns 0 after
+// "Success to load xdb." on standard output, or -1 after the loader's
+// messages on standard error (nothing is loaded then).
 [[nodiscard]] int xdb_init(const char* path);
 // Frees the process-wide category file. Safe twice.
 void xdb_release();
+// The process-wide category file, or null.
+const category_db* xdb_get();
 
 // 1 when a match was accepted (the handler has run), else 0; 0 when no file
 // is loaded.
 unsigned xdb_match_domain(const char* name, size_t len, xac_match_fn handler, void* arg);
 int xdb_match_ipv4(const char* text, xac_match_fn handler, void* arg);
+
+// The same lookups against a given file (null answers 0).
+unsigned category_db_match_domain(const category_db* db, const char* name, size_t len,
+                                  xac_match_fn handler, void* arg);
+int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn handler,
+                           void* arg);
+
+// The values the address lookup scans for `addr` (host order), most specific
+// first: the address with 0, 1, ... 24 low bits cleared, each distinct value
+// once. Returns how many were written (at most 25).
+int xdb_ipv4_prefixes(uint32_t addr, uint32_t out[25]);

@@ -245,6 +245,47 @@ TEST_F(ZorServiceBinary, OptionsBecomeModuleParameters) {
     }
 }
 
+// The smallest file the category loader accepts: an empty automaton and an
+// empty prefilter block.
+std::string empty_category_file() {
+    std::string f(12 + 576 + 12, '\0');
+    f[0] = 1;
+    f[12] = static_cast<char>(0xE8);
+    f[13] = 0x07;
+    f[12 + 576] = 2;
+    return f;
+}
+
+TEST_F(ZorServiceBinary, CategoryFileLoadsBeforeTheRestOrEndsStartUp) {
+    const std::string good = put_file(dir, "good.xdb", empty_category_file());
+    const std::string bad = put_file(dir, "bad.xdb", "not a category file");
+    const std::string missing = dir.file("missing.xdb");
+
+    put_file(dir, "zor.ini", config() + "xdb = " + good + "\n");
+    EXPECT_EQ(run_until_signal({"-i", ini}, SIGTERM), 0);
+    EXPECT_EQ(read_file(out), "log_level = 6\nSuccess to load xdb.\n");
+    EXPECT_EQ(read_file(err), "");
+
+    const struct {
+        std::string path;
+        std::string message;
+    } failures[] = {
+        {bad, "This is not xac block!\nFailed to load xdb!\n"},
+        {missing, "Failed to open file, " + missing + "!\n"},
+    };
+    for (const auto& f : failures) {
+        std::filesystem::remove_all(log_dir);
+        std::filesystem::remove(bin + "/commands");
+        put_file(dir, "zor.ini", config() + "xdb = " + f.path + "\n");
+        EXPECT_EQ(run({"-i", ini, "-l", log_dir}), 1) << f.path;
+        EXPECT_EQ(read_file(err), f.message);
+        const std::string log = read_file(log_dir + "/zorsrv.log");
+        EXPECT_NE(log.find("[E] Faild to load xdb!\r\n"), std::string::npos) << log;
+        EXPECT_EQ(log.find("Shutdown service"), std::string::npos) << "no shutdown sequence: " << log;
+        EXPECT_FALSE(module_line_ran());
+    }
+}
+
 // The pid of a child of this process running zor_service, or -1.
 pid_t find_child_service() {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {

@@ -1,0 +1,430 @@
+// Category file loader: reads the xac block and the IPv4 prefilter, converts
+// every table to host order and checks that the matcher can never leave the
+// tables, whatever the file holds.
+#include "xdb.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <vector>
+
+namespace {
+
+// Non-regular inputs (pipes, devices) are read into memory first, up to
+// this many bytes; anything beyond counts as missing.
+constexpr size_t kMaxStreamBytes = size_t{256} << 20;
+// Keeps state + symbol inside 32 bits in the matcher.
+constexpr uint32_t kMaxTransWords = 0xFFFF0000u;
+constexpr uint32_t kTargetBits = 0x3FFFFFFFu;
+constexpr uint32_t kOutputBit = 0x80000000u;
+constexpr uint32_t kDownBit = 0x40000000u;
+constexpr uint32_t kChainBit = 0x80000000u;
+
+struct file_closer {
+    void operator()(std::FILE* f) const { std::fclose(f); }
+};
+using file_ptr = std::unique_ptr<std::FILE, file_closer>;
+
+uint32_t be32(const uint8_t* p) {
+    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
+}
+uint16_t be16(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+
+void words_to_host(uint32_t* w, size_t count) {
+    if constexpr (std::endian::native == std::endian::little) {
+        for (size_t i = 0; i < count; ++i) w[i] = __builtin_bswap32(w[i]);
+    }
+}
+
+// Where the loader's bytes come from: an open regular file of known size or
+// a block of memory. `remaining` is what can still be read, so a declared
+// table size is checked before anything is allocated for it.
+class byte_source {
+public:
+    byte_source(std::FILE* f, uint64_t size) : file_(f), remaining_(size) {}
+    byte_source(const uint8_t* data, size_t len) : mem_(data), remaining_(len) {}
+
+    bool has(uint64_t n) const { return n <= remaining_; }
+
+    // Reads exactly n bytes; false (and nothing more to read) when short.
+    bool read(void* dst, size_t n) {
+        if (!has(n)) {
+            remaining_ = 0;
+            return false;
+        }
+        if (n == 0) return true;
+        if (mem_) {
+            std::memcpy(dst, mem_, n);
+            mem_ += n;
+        } else if (std::fread(dst, 1, n, file_) != n) {
+            remaining_ = 0;
+            return false;
+        }
+        remaining_ -= n;
+        return true;
+    }
+
+    bool skip(uint64_t n) {
+        if (!has(n)) {
+            remaining_ = 0;
+            return false;
+        }
+        if (mem_) {
+            mem_ += n;
+        } else if (n > 0 && std::fseek(file_, static_cast<long>(n), SEEK_CUR) != 0) {
+            remaining_ = 0;
+            return false;
+        }
+        remaining_ -= n;
+        return true;
+    }
+
+private:
+    std::FILE* file_ = nullptr;
+    const uint8_t* mem_ = nullptr;
+    uint64_t remaining_ = 0;
+};
+
+template <typename T>
+std::unique_ptr<T[]> read_array(byte_source& src, uint64_t count) {
+    const uint64_t bytes = count * sizeof(T);
+    if (count > SIZE_MAX / sizeof(T) || !src.has(bytes)) return nullptr;
+    std::unique_ptr<T[]> table(new (std::nothrow) T[count ? count : 1]());
+    if (!table || !src.read(table.get(), bytes)) return nullptr;
+    return table;
+}
+
+void decode_header(xac_tables& tb) {
+    const uint8_t* h = tb.header;
+    tb.flags_a = h[4];
+    tb.flags_b = h[5];
+    for (int c = 0; c < 256; ++c) tb.symbols[c] = be16(h + 16 + 2 * c);
+    tb.check_mask = be32(h + 528);
+    tb.state_shift = be32(h + 532) & 31;
+    tb.trans_count = be32(h + 552);
+    tb.hash_slots = be32(h + 556);
+    tb.hash_modulus = be32(h + 560);
+    tb.pattern_count = be32(h + 564);
+    tb.suffix_size = be32(h + 568);
+    tb.postfix_size = be32(h + 572);
+    tb.suffix_unit = static_cast<uint32_t>((tb.flags_a & 0x03) << 1 | tb.flags_b >> 7);
+    tb.anchored = (tb.flags_a & 0x20) != 0;
+    tb.has_patterns = (tb.flags_a & 0x1C) != 0;
+}
+
+// Walks everything the matcher can reach and refuses what would take it
+// outside the tables or round a failure cycle forever. Returns null when
+// the tables are sound, else what is wrong.
+class table_check {
+public:
+    explicit table_check(xac_tables& tb) : tb_(tb) {}
+
+    const char* run() {
+        if (tb_.trans_count > kMaxTransWords) return "transition table too large";
+        collect_alphabet();
+        if (const char* why = check_hash()) return why;
+        if (tb_.trans_count == 0) return nullptr;  // the root has no slot to read
+        mark_.assign(tb_.trans_count, 0);
+        if (const char* why = walk_states()) return why;
+        return check_failure_chains();
+    }
+
+private:
+    enum : uint8_t { kSeen = 1, kOnPath = 2, kDone = 4 };
+
+    uint32_t target(uint32_t word) const { return (word & kTargetBits) >> tb_.state_shift; }
+    uint32_t failure_of(uint32_t s) const {
+        const uint32_t w = tb_.trans[s];
+        return (w & tb_.check_mask) ? 0 : target(w);
+    }
+
+    void collect_alphabet() {
+        for (uint16_t sym : tb_.symbols)
+            if (sym) alphabet_.push_back(sym);
+        std::sort(alphabet_.begin(), alphabet_.end());
+        alphabet_.erase(std::unique(alphabet_.begin(), alphabet_.end()), alphabet_.end());
+    }
+
+    // A search for key i starts at its home slot and stops at the first slot
+    // holding i, so only slots at or after their key's home slot can be
+    // found; their values must be sound and their distance bounds every
+    // later search.
+    const char* check_hash() {
+        const uint32_t mod = tb_.hash_modulus;
+        if (mod == 0) return nullptr;  // refused later only if a lookup needs it
+        for (uint32_t q = 0; q < tb_.hash_slots; ++q) {
+            const uint32_t key = tb_.hash[2 * size_t{q}];
+            if (key >= tb_.trans_count) continue;  // no transition index reaches it
+            const uint32_t home = static_cast<uint32_t>(key * 107u) % mod;
+            if (home > q) continue;
+            tb_.hash_probe_limit = std::max(tb_.hash_probe_limit, q - home);
+            if (const char* why = check_chain(tb_.hash[2 * size_t{q} + 1])) return why;
+        }
+        return nullptr;
+    }
+
+    const char* check_record(uint32_t rec) const {
+        const uint32_t w0 = tb_.patterns[2 * size_t{rec}];
+        const uint32_t w1 = tb_.patterns[2 * size_t{rec} + 1];
+        const uint32_t len = w1 >> 24;
+        const uint32_t off = w1 & 0xFFFFFF;
+        if (len && uint64_t{off} + len > tb_.postfix_size) return "postfix outside its table";
+        const uint32_t k = (w0 >> 20) & 0x7F;
+        const uint64_t unit = tb_.suffix_unit;
+        if (k && unit && (uint64_t{k} + 1) * unit > tb_.suffix_size) return "suffix outside its table";
+        return nullptr;
+    }
+
+    const char* check_chain(uint32_t first) {
+        if (!tb_.has_patterns) return nullptr;  // the index is handed out as an id
+        const uint64_t records = uint64_t{tb_.pattern_count} + 1;
+        if (first >= records) return "pattern index outside its table";
+        if (record_seen_.empty()) record_seen_.assign(records, 0);
+        for (uint64_t rec = first;; ++rec) {
+            if (rec >= records) return "pattern chain runs past its table";
+            if (record_seen_[rec]) return nullptr;  // its chain was checked before
+            record_seen_[rec] = 1;
+            if (const char* why = check_record(static_cast<uint32_t>(rec))) return why;
+            if (!(tb_.patterns[2 * rec] & kChainBit)) return nullptr;
+        }
+    }
+
+    const char* check_outputs(uint32_t i) {
+        const uint32_t v = target(tb_.trans[i]);
+        if (v >= tb_.trans_count) return check_chain(v - tb_.trans_count);
+        if (tb_.hash_modulus == 0) return "output hash without a modulus";
+        return nullptr;  // found slots were checked; a missing key reports nothing
+    }
+
+    void enqueue(uint32_t s) {
+        if (!(mark_[s] & kSeen)) {
+            mark_[s] |= kSeen;
+            queue_.push_back(s);
+        }
+    }
+
+    const char* walk_states() {
+        const uint32_t T = tb_.trans_count;
+        enqueue(0);
+        for (size_t head = 0; head < queue_.size(); ++head) {
+            const uint32_t s = queue_[head];
+            if (s != 0) {
+                const uint32_t f = failure_of(s);
+                if (f >= T) return "failure link outside the transition table";
+                enqueue(f);
+            }
+            for (uint32_t c : alphabet_) {
+                const uint32_t i = s + c;
+                if (i >= T) break;
+                const uint32_t x = tb_.trans[i] ^ c;
+                if (x & tb_.check_mask) continue;
+                const uint32_t t = target(x);
+                if (t < T) {
+                    enqueue(t);
+                } else if (!(x & (kOutputBit | kDownBit))) {
+                    return "transition target outside the transition table";
+                }
+                if (x & kOutputBit) {
+                    if (const char* why = check_outputs(i)) return why;
+                }
+            }
+        }
+        return nullptr;
+    }
+
+    const char* check_failure_chains() {
+        std::vector<uint32_t> path;
+        mark_[0] |= kDone;
+        for (uint32_t s : queue_) {
+            path.clear();
+            uint32_t u = s;
+            while (!(mark_[u] & kDone)) {
+                if (mark_[u] & kOnPath) return "failure links form a cycle";
+                mark_[u] |= kOnPath;
+                path.push_back(u);
+                u = failure_of(u);
+            }
+            for (uint32_t p : path) mark_[p] = static_cast<uint8_t>((mark_[p] & ~kOnPath) | kDone);
+        }
+        return nullptr;
+    }
+
+    xac_tables& tb_;
+    std::vector<uint32_t> alphabet_;
+    std::vector<uint8_t> mark_;
+    std::vector<uint32_t> queue_;
+    std::vector<uint8_t> record_seen_;
+};
+
+// Steps 3 to 9: the xac block. Prints the failing step's message.
+bool load_xac(byte_source& src, xac_tables& tb) {
+    uint8_t block[XDB_BLOCK_HEADER_SIZE];
+    if (!src.read(block, sizeof block)) {
+        std::fputs("Failed to read xac header!\n", stderr);
+        return false;
+    }
+    if (block[0] != 1) {
+        std::fputs("This is not xac block!\n", stderr);
+        return false;
+    }
+    if (!src.read(tb.header, sizeof tb.header)) {
+        std::fputs("Failed to check file size!\n", stderr);
+        return false;
+    }
+    decode_header(tb);
+    if (be16(tb.header) != 0xE807) {
+        std::fputs("Failed to check magic!\n", stderr);
+        return false;
+    }
+    if (tb.flags_a & 0x40) {
+        std::fprintf(stderr, "This xac file is %s format!\n", "4x");
+        return false;
+    }
+    if (tb.flags_b & 0x04) {
+        std::fputs("This scanner doesn't support S2!\n", stderr);
+        return false;
+    }
+    if (tb.flags_b & 0x02) {
+        std::fputs("This scanner doesn't support category field!\n", stderr);
+        return false;
+    }
+
+    const uint64_t area_words = 2 * uint64_t{tb.hash_slots} + tb.trans_count;
+    tb.area = read_array<uint32_t>(src, area_words);
+    if (!tb.area) {
+        std::fprintf(stderr, "Failed to load tran table, %ld!\n", static_cast<long>(area_words * 4));
+        return false;
+    }
+    words_to_host(tb.area.get(), area_words);
+    tb.trans = tb.area.get();
+    tb.hash = tb.area.get() + tb.trans_count;
+
+    if (tb.has_patterns) {
+        const uint64_t records = uint64_t{tb.pattern_count} + 1;
+        tb.patterns = read_array<uint32_t>(src, records * 2);
+        if (!tb.patterns) {
+            std::fprintf(stderr, "Failed to load pattern table, %ld!\n", static_cast<long>(records * 8));
+            return false;
+        }
+        words_to_host(tb.patterns.get(), records * 2);
+        if (tb.postfix_size) {
+            tb.postfix = read_array<uint8_t>(src, tb.postfix_size);
+            if (!tb.postfix) {
+                std::fprintf(stderr, "Failed to load postfix table, %d!\n", static_cast<int>(tb.postfix_size));
+                return false;
+            }
+        }
+        if (tb.suffix_size) {
+            tb.suffix = read_array<uint8_t>(src, tb.suffix_size);
+            if (!tb.suffix) {
+                std::fprintf(stderr, "Failed to load suffix table, %d!\n", static_cast<int>(tb.suffix_size));
+                return false;
+            }
+        }
+    }
+
+    if (const char* why = table_check(tb).run()) {
+        std::fprintf(stderr, "Invalid xac tables, %s!\n", why);
+        return false;
+    }
+    return true;
+}
+
+// Step 11: the IPv4 prefilter. Failures leave the file without one. Only
+// the bytes the matcher uses are kept; the rest is read past.
+void load_prefilter(byte_source& src, category_db& db) {
+    uint8_t block[XDB_BLOCK_HEADER_SIZE];
+    if (!src.read(block, sizeof block)) {
+        std::fputs("Failed to read ip prefilter header!\n", stderr);
+        return;
+    }
+    if (block[0] != 2) {
+        std::fputs("This is not ip prefilter block!\n", stderr);
+        return;
+    }
+    const uint32_t size = be32(block + 4);
+    std::unique_ptr<uint8_t[]> bitmap(new (std::nothrow) uint8_t[XDB_PREFILTER_BYTES]());
+    if (!bitmap) {
+        std::fprintf(stderr, "Failed to allocate memory, L%d!\n", 113);
+        return;
+    }
+    const uint32_t kept = std::min<uint32_t>(size, XDB_PREFILTER_BYTES);
+    if (!src.read(bitmap.get(), kept) || !src.skip(size - kept)) {
+        std::fprintf(stderr, "Failed to load table, %d!\n", static_cast<int>(size));
+        return;
+    }
+    db.prefilter = std::move(bitmap);
+}
+
+category_db_ptr load_from(byte_source& src) {
+    category_db_ptr db(new (std::nothrow) category_db);
+    std::unique_ptr<xac_tables> tb(new (std::nothrow) xac_tables);
+    if (!db || !tb || !load_xac(src, *tb)) {
+        std::fputs("Failed to load xdb!\n", stderr);
+        return nullptr;
+    }
+    db->tables = std::move(tb);
+    load_prefilter(src, *db);
+    return db;
+}
+
+category_db_ptr g_db;
+
+}  // namespace
+
+void category_db_free(category_db* db) {
+    if (!db) return;
+    if (xac_tables* tb = db->tables.get()) {
+        tb->trans = tb->hash = nullptr;
+        tb->area.reset();
+        tb->patterns.reset();
+        tb->postfix.reset();
+        tb->suffix.reset();
+        db->tables.reset();
+    }
+    db->prefilter.reset();
+    delete db;
+}
+
+category_db_ptr xdb_load(const char* path) {
+    file_ptr f(path ? std::fopen(path, "rb") : nullptr);
+    if (!f) {
+        std::fprintf(stderr, "Failed to open file, %s!\n", path ? path : "(null)");
+        return nullptr;
+    }
+    struct stat st {};
+    if (fstat(fileno(f.get()), &st) == 0 && S_ISREG(st.st_mode)) {
+        byte_source src(f.get(), static_cast<uint64_t>(st.st_size));
+        return load_from(src);
+    }
+    // A pipe or device has no size to check declared tables against: take
+    // what it holds (bounded) and load from memory.
+    std::vector<uint8_t> bytes;
+    uint8_t chunk[1 << 16];
+    size_t got;
+    while (bytes.size() < kMaxStreamBytes && (got = std::fread(chunk, 1, sizeof chunk, f.get())) > 0)
+        bytes.insert(bytes.end(), chunk, chunk + std::min(got, kMaxStreamBytes - bytes.size()));
+    byte_source src(bytes.data(), bytes.size());
+    return load_from(src);
+}
+
+category_db_ptr xdb_load_mem(const void* data, size_t len) {
+    byte_source src(static_cast<const uint8_t*>(data), data ? len : 0);
+    return load_from(src);
+}
+
+int xdb_init(const char* path) {
+    g_db = xdb_load(path);
+    if (!g_db) return -1;
+    std::fputs("Success to load xdb.\n", stdout);
+    std::fflush(stdout);
+    return 0;
+}
+
+void xdb_release() { g_db.reset(); }
+
+const category_db* xdb_get() { return g_db.get(); }
