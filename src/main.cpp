@@ -15,9 +15,11 @@
 #include <cstdlib>
 
 #include "base64.h"
+#include "ipc/ipc_server.h"
 #include "kmod.h"
 #include "log.h"
 #include "main.h"
+#include "pctrl/pctrl_scheduler.h"
 #include "qmx_curl.h"
 #include "qmx_db.h"
 #include "qmx_server.h"
@@ -125,8 +127,8 @@ void log_start_lines() {
 // release is safe whether or not its subsystem started.
 [[noreturn]] void service_shutdown(int status) {
     LOG_I("Shutdown service...");
-    // step 2: ipc_server release joins here (ipc_srv_stop)
-    // step 3: pctrl_scheduler release joins here (pctrl_sched_stop)
+    ipc_srv_stop();
+    pctrl_sched_stop();
     qmx_srv_release();
     zor_release();
     db_release();
@@ -199,7 +201,10 @@ int main(int argc, char** argv) {
         LOG_E("Faild to start main server!");
         service_shutdown(1);
     }
-    // step 15: ipc_server start joins here (ipc_srv_start)
+    if (!ipc_srv_start()) {
+        LOG_E("Faild to start ipc server!");
+        service_shutdown(1);
+    }
     LOG_I("ZOR service start up");
     kmod_load();
     wait_loop(wait_mask);
