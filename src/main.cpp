@@ -22,6 +22,7 @@
 #include "pctrl/pctrl_scheduler.h"
 #include "qmx_curl.h"
 #include "qmx_db.h"
+#include "qmx_server.h"
 #include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
 #include "xdb.h"
@@ -128,7 +129,7 @@ void log_start_lines() {
     LOG_I("Shutdown service...");
     ipc_srv_stop();
     pctrl_sched_stop();
-    // step 4: qmx_server release joins here (qmx_srv_release)
+    qmx_srv_release();
     zor_release();
     db_release();
     xdb_release();
@@ -196,7 +197,10 @@ int main(int argc, char** argv) {
     if (!zor_init(opt_str(qmxsrv_ctx.server), opt_str(qmxsrv_ctx.product), opt_str(qmxsrv_ctx.auth_id),
                   opt_str(qmxsrv_ctx.auth_pwd), opt_str(qmxsrv_ctx.host)))
         service_shutdown(1);
-    // step 14: qmx_server start joins here (qmx_srv_start)
+    if (!qmx_srv_start()) {
+        LOG_E("Faild to start main server!");
+        service_shutdown(1);
+    }
     if (!ipc_srv_start()) {
         LOG_E("Faild to start ipc server!");
         service_shutdown(1);
