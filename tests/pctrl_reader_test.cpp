@@ -383,15 +383,6 @@ TEST_F(PctrlReader, ArrayOrEmptyObjectGivesEmptySet) {
     }
 }
 
-TEST_F(PctrlReader, ReadingAgainReplacesTheSet) {
-    pin(utc(2024, 1, 1, 12));
-    ASSERT_EQ(read(R"({"1": {"mac": "aabbccddeeff", "cn": "1"}, "2": {"mac": "aabbccddeeff", "cn": "2"}})"), 0);
-    ASSERT_EQ(read(R"({"3": {"mac": "aabbccddeeff", "cn": "3"}})"), 0);
-    auto r = rules();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].id, 3);
-}
-
 TEST_F(PctrlReader, DumpWritesEveryRecord) {
     log_capture log;
     pctrl_dump_rules(nullptr);
@@ -409,15 +400,6 @@ TEST_F(PctrlReader, DumpWritesEveryRecord) {
     EXPECT_TRUE(log.contains("[D] 7\t00:11:22:33:44:55\t0\t0\t3\tNULL"));
     EXPECT_TRUE(log.contains("[D] 8\taabbccddeeff\t" + std::to_string(utc(2024, 1, 6)) + "\t" +
                               std::to_string(utc(2024, 1, 6, 1)) + "\tNULL\tx.example"));
-}
-
-TEST_F(PctrlReader, FreeIsNullSafeAndEmptiesTheHolder) {
-    pctrl_free_rules(nullptr);
-    pin(utc(2024, 1, 1, 12));
-    ASSERT_EQ(read(R"({"1": {"mac": "aabbccddeeff", "cn": "1"}})"), 0);
-    pctrl_free_rules(&holder_);
-    EXPECT_EQ(holder_.list, nullptr);
-    pctrl_free_rules(&holder_);
 }
 
 }  // namespace
