@@ -14,10 +14,16 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "base64.h"
+#include "ipc/ipc_server.h"
 #include "kmod.h"
 #include "log.h"
 #include "main.h"
+#include "pctrl/pctrl_scheduler.h"
+#include "qmx_curl.h"
 #include "qmx_db.h"
+#include "qmx_server.h"
+#include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
 #include "xdb.h"
 
@@ -104,6 +110,11 @@ void daemonize() {
     umask(0);
 }
 
+// A configured text, or null when the key was absent.
+const char* opt_str(const std::optional<std::string>& s) {
+    return s ? s->c_str() : nullptr;
+}
+
 void log_start_lines() {
     const qmxsrv_ctx_t& c = qmxsrv_ctx;
     LOG_D("server_url: %s", c.server->c_str());
@@ -116,15 +127,15 @@ void log_start_lines() {
 // release is safe whether or not its subsystem started.
 [[noreturn]] void service_shutdown(int status) {
     LOG_I("Shutdown service...");
-    // step 2: ipc_server release joins here (ipc_srv_stop)
-    // step 3: pctrl_scheduler release joins here (pctrl_sched_stop)
-    // step 4: qmx_server release joins here (qmx_srv_release)
-    // step 5: qmx_zor release joins here (zor_release)
+    ipc_srv_stop();
+    pctrl_sched_stop();
+    qmx_srv_release();
+    zor_release();
     db_release();
     xdb_release();
     log_release();
     qmxsrv_ctx_release();
-    // step 10: qmx_curl release joins here (qmx_curl_release)
+    qmx_curl_release();
     exit(status);
 }
 
@@ -177,12 +188,23 @@ int main(int argc, char** argv) {
         LOG_E("Faild to load xdb!");
         exit(1);
     }
-    // step 11: qmx_curl start joins here (qmx_curl_init)
-    // step 12: base64 cipher and qmx_db cache start joins here (crypto_init and db_init)
+    if (qmx_curl_init() != 0) {
+        LOG_E("Faild to initialize CURL!");
+        service_shutdown(1);
+    }
+    crypto_init();
     db_init();
-    // step 13: qmx_zor start joins here (zor_init)
-    // step 14: qmx_server start joins here (qmx_srv_start)
-    // step 15: ipc_server start joins here (ipc_srv_start)
+    if (!zor_init(opt_str(qmxsrv_ctx.server), opt_str(qmxsrv_ctx.product), opt_str(qmxsrv_ctx.auth_id),
+                  opt_str(qmxsrv_ctx.auth_pwd), opt_str(qmxsrv_ctx.host)))
+        service_shutdown(1);
+    if (!qmx_srv_start()) {
+        LOG_E("Faild to start main server!");
+        service_shutdown(1);
+    }
+    if (!ipc_srv_start()) {
+        LOG_E("Faild to start ipc server!");
+        service_shutdown(1);
+    }
     LOG_I("ZOR service start up");
     kmod_load();
     wait_loop(wait_mask);

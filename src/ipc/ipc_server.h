@@ -1,8 +1,57 @@
-// Local command channel: a Unix stream socket served by one thread, one
-// 264-byte request and one 260-byte reply per connection.
+// Local command channel: a Unix stream socket at the context's ipc_socket,
+// served by one command thread owned by this module, one 264-byte request and
+// one 260-byte reply per connection, in arrival order.
+//
+// ipc_srv_start and ipc_srv_stop are called by the main thread (start-up,
+// shutdown); the command thread writes the context's run-state words and
+// pc_rule, and calls the scheduler, the verdict cache and the cloud client.
+// Both records are raw structures in host byte order: both ends run on the
+// same machine.
+//
+// The reply record belongs to the command thread for its whole life. It is
+// zeroed once when the thread starts and never cleared between requests, so
+// a command that does not write it answers with what the previous command
+// left there.
 #pragma once
 
-// 1 when the socket listens and the thread runs, 0 otherwise.
+#include <cstdint>
+
+enum ipc_cmd : int32_t {
+    IPC_CMD_EXIT = 1,
+    IPC_CMD_CLOUD_ENABLE = 10,
+    IPC_CMD_CLOUD_DISABLE = 11,
+    IPC_CMD_PC_ENABLE = 40,
+    IPC_CMD_PC_DISABLE = 41,
+    IPC_CMD_PC_SET_RULE = 42,    // buf: the rule file's path
+    IPC_CMD_PC_CLEAR_RULE = 43,  // reply not written
+    IPC_CMD_STATUS = 70,         // msg "%c %c %llu %llu %s"; result not written
+    IPC_CMD_QUERY = 100,         // type; buf "NAME A B"; the reply holds NAME over result
+    IPC_CMD_SHOW_DB = 200,       // result 0; the listing goes to the log, not the reply
+    IPC_CMD_DB_ADD = 201,        // buf: a cloud reply JSON; result 0 whatever the outcome
+};
+
+struct ipc_request {
+    int32_t cmd;    // an ipc_cmd
+    int32_t type;   // argument of IPC_CMD_QUERY
+    char buf[256];  // text argument, zero-terminated (the server forces the last byte)
+};
+static_assert(sizeof(ipc_request) == 264, "wire size of a request");
+
+struct ipc_reply {
+    int32_t result;  // 0 done, 1 failed
+    char msg[256];   // zero-terminated; meaningful only for commands that set it
+};
+static_assert(sizeof(ipc_reply) == 260, "wire size of a reply");
+
+// How long the command thread waits for a connected client's request before
+// it drops the connection, so that a silent client cannot hold the channel.
+inline constexpr int IPC_REQUEST_TIMEOUT_MS = 5000;
+
+// Removes a file left at ipc_socket, binds, listens and starts the command
+// thread; a running server is stopped first. 1 when the socket listens and
+// the thread runs, 0 otherwise (not configured, a path of 108 bytes or more,
+// or a socket call failed; each logged at level E).
 [[nodiscard]] int ipc_srv_start();
-// Stops and joins the thread and removes the socket file. Safe twice.
+// Stops and joins the thread (it returns promptly unless a command is
+// running) and removes the socket file. Safe twice and before start.
 void ipc_srv_stop();

@@ -8,7 +8,8 @@
 # the same process id as this script, so the caller's child pid is the
 # netlink port id. Inside that namespace:
 #   /proc            a tmpfs; every entry of the real /proc but the process
-#                    directories is a symlink into it (self, sys, mounts, ...)
+#                    directories is a symlink into it (self, sys, mounts, ...),
+#                    and so is the directory of COMMAND's own pid
 #   /proc/zor        DIR/zor: the control file "ctrl" appears there when the
 #                    insmod stub loads zor.ko, and goes when rmmod removes it
 #   /proc/world      DIR itself
@@ -48,8 +49,9 @@ if cut -d' ' -f1 /proc/world/modules | grep -qx -- "$name"; then
     echo "insmod: ERROR: could not insert module $ko: File exists" >&2
     exit 1
 fi
-echo "$name $*" >> /proc/world/modules
+# The control file first: a module listed as loaded has its file.
 if [ "$name" = zor ]; then : > /proc/zor/ctrl; fi
+echo "$name $*" >> /proc/world/modules
 EOF
     cat > "$bin/lsmod" <<'EOF'
 #!/bin/bash
@@ -95,6 +97,9 @@ inside() {
             *[!0-9]*) ln -s "$entry" "/proc/$name" ;;
         esac
     done
+    # COMMAND keeps this shell's pid: its own directory is there too (leak
+    # checkers read /proc/<pid>/task rather than /proc/self).
+    ln -s "$dir/realproc/$$" "/proc/$$"
     mkdir /proc/zor /proc/world
     mount --bind "$dir/zor" /proc/zor
     mount --bind "$dir" /proc/world

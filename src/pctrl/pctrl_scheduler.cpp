@@ -1,0 +1,147 @@
+#include "pctrl/pctrl_scheduler.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "log.h"
+#include "pctrl/pctrl_reader.h"
+#include "qmxsrv_ctx.h"
+#include "util/cmd_runner.h"
+#include "zor_ctrl.h"
+
+namespace {
+
+constexpr long kSecondsPerDay = 86400;
+
+// Serialises start and stop (and so the join).
+std::mutex control_lock;
+// Applies from the scheduler and the IPC thread take turns.
+std::mutex apply_lock;
+
+std::mutex wait_lock;
+std::condition_variable wait_cv;
+bool running = false;  // covered by wait_lock; set by start, cleared by stop
+std::thread sched_thread;  // covered by control_lock
+
+std::atomic<long long> second_ms{1000};
+
+bool is_running() {
+    std::lock_guard<std::mutex> g(wait_lock);
+    return running;
+}
+
+// Waits `seconds` scheduler seconds or until stop. Returns false on stop.
+bool wait_seconds(long seconds) {
+    auto length = std::chrono::milliseconds(second_ms.load()) * seconds;
+    std::unique_lock<std::mutex> lk(wait_lock);
+    return !wait_cv.wait_for(lk, length, [] { return !running; });
+}
+
+int run_logged(const std::string& line) {
+    LOG_I("pctrl command: %s", line.c_str());
+    return cmd_run(line);
+}
+
+void send_rule(const pctrl_rule& rule) {
+    if (rule.kind != PCTRL_KIND_CONTENT && rule.kind != PCTRL_KIND_DOMAIN) return;
+    const auto& text = rule.kind == PCTRL_KIND_CONTENT ? rule.content : rule.domain;
+    if (!text) return;
+    // The kernel takes the times as unsigned 32-bit epoch seconds.
+    auto line = zor_ctrl_pc_add_line(rule.kind, rule.mac, text->c_str(),
+                                     static_cast<uint32_t>(rule.from),
+                                     static_cast<uint32_t>(rule.to));
+    if (!line) {
+        LOG_D("Rule id %d not sent: control bytes or a line too long", rule.id);
+        return;
+    }
+    run_logged(*line);
+}
+
+void pctrl_sched() {
+    LOG_D("Start parental control scheduler ...\r\n");
+    while (is_running()) {
+        pctrl_apply_rules();
+        time_t now = pctrl_now();
+        time_t next = pctrl_next_midnight(now);
+        if (next < now) {
+            LOG_I("nextday_epoch < cur_epoch");
+            wait_seconds(1);
+            continue;
+        }
+        long diff = static_cast<long>(next - now);
+        if (diff > kSecondsPerDay) {
+            // A 25-hour day: apply again each second until the day has caught up.
+            LOG_I("diff_epoch biggger than 86400: %ld", diff);
+            wait_seconds(1);
+            continue;
+        }
+        LOG_I("Today epoch: %ld", static_cast<long>(now));
+        LOG_I("Excepted next epoch: %ld", static_cast<long>(next));
+        LOG_I("Sleep seconds: %ld", diff);
+        wait_seconds(diff);
+    }
+    LOG_I("%s stopped", "pctrl_sched");
+}
+
+}  // namespace
+
+time_t pctrl_next_midnight(time_t now) {
+    struct tm tm;
+    if (localtime_r(&now, &tm) == nullptr) return -1;
+    tm.tm_hour = tm.tm_min = tm.tm_sec = 0;
+    tm.tm_mday += 1;  // mktime carries a month or year end
+    tm.tm_isdst = -1;
+    return mktime(&tm);
+}
+
+void pctrl_sched_set_second(std::chrono::milliseconds length) {
+    second_ms = length.count() > 0 ? length.count() : 1;
+}
+
+int pctrl_clean_rules() { return run_logged(zor_ctrl_pc_clean_line()); }
+
+void pctrl_apply_rules() {
+    std::lock_guard<std::mutex> serial(apply_lock);
+    std::string path = qmxsrv_ctx_pc_rule();
+    if (path.empty()) return;
+    pctrl_holder rules;
+    if (pctrl_read_rules(path.c_str(), &rules) != 0 || rules.list == nullptr) return;
+    pctrl_clean_rules();
+    pctrl_dump_rules(&rules);
+    std::lock_guard<std::mutex> g(rules.list->lock);
+    for (list_node_t* node = rules.list->head; node != nullptr; node = node->next) {
+        send_rule(*reinterpret_cast<const pctrl_rule*>(node));
+    }
+}
+
+void pctrl_sched_start() {
+    std::lock_guard<std::mutex> control(control_lock);
+    {
+        std::lock_guard<std::mutex> g(wait_lock);
+        if (running) return;
+        running = true;
+    }
+    try {
+        sched_thread = std::thread(pctrl_sched);
+    } catch (const std::system_error&) {
+        // The flag stays set: a later start does nothing until a stop.
+        LOG_E("Failed to start parental control scheduler ...\r\n");
+    }
+}
+
+void pctrl_sched_stop() {
+    LOG_D("pctrl_sched_stop");
+    std::lock_guard<std::mutex> control(control_lock);
+    {
+        std::lock_guard<std::mutex> g(wait_lock);
+        if (!running) return;
+        running = false;
+    }
+    wait_cv.notify_all();
+    if (sched_thread.joinable()) sched_thread.join();
+    pctrl_clean_rules();
+}

@@ -1,0 +1,411 @@
+#include "qmx_server.h"
+
+#include <cjson/cJSON.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "log.h"
+#include "qmx_db.h"
+#include "qmx_nlu.h"
+#include "qmx_zor.h"
+#include "qmxsrv_ctx.h"
+#include "util/list.h"
+#include "xdb.h"
+#include "zor_ctrl.h"
+
+namespace {
+
+constexpr uint32_t kEventCap = 1025;   // queued reports; beyond it reports are dropped
+constexpr int kBatchSize = 50;         // keys per cloud query
+constexpr uint32_t kPendingCap = 4096; // keys waiting for a query
+constexpr uint32_t kTypeDomain = 20;
+constexpr uint32_t kTypeAddr = 21;
+constexpr uint32_t kTypeAddrAlt = 22;
+constexpr uint32_t kDomainField = 256;
+constexpr uint32_t kAddrField = 40;
+
+// A report waiting for the event worker; linked through its own node.
+struct queued_event {
+    list_node_t node;
+    uint32_t flags = 0;
+    uint32_t data_type = 0;
+    uint32_t data_len = 0;
+    std::string text;  // the data field up to its first zero byte
+};
+
+// A key waiting for a cloud query; linked through its own node.
+struct query_item {
+    list_node_t node;
+    int32_t data_type = 0;
+    std::string key;
+    int32_t zero1 = 0;  // travel with the key in the query, always 0
+    int32_t zero2 = 0;
+};
+
+struct qmx_srv {
+    std::atomic<bool> running{false};
+    std::atomic<bool> abort_query{false};  // set by release: a cloud query in flight gives up
+    nlu_ctx* nlu = nullptr;                // owned; closed by release
+
+    list_t* query_list = nullptr;  // query_item, newest first; locked list
+    std::mutex query_lock;
+    std::condition_variable query_cond;
+    bool query_wake = false;  // covered by query_lock
+    std::thread sender_thread;
+
+    list_t* event_list = nullptr;  // queued_event, newest first; locked list
+    std::mutex event_lock;
+    std::condition_variable event_cond;
+    bool event_wake = false;  // covered by event_lock
+    std::thread event_thread;
+
+    std::mutex trigger_lock;  // only for the trigger's sleep
+    std::condition_variable trigger_cond;
+    std::thread trigger_thread;
+    std::chrono::milliseconds trigger_period{10000};  // immutable after start
+
+    std::atomic<uint64_t> finished{0};
+};
+
+std::atomic<qmx_srv*> g_srv{nullptr};
+std::atomic<int64_t> g_trigger_ms{10000};
+
+unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
+
+bool is_domain(uint32_t type, uint32_t len) { return type == kTypeDomain && len == kDomainField; }
+
+bool is_address(uint32_t type, uint32_t len) {
+    return (type == kTypeAddr || type == kTypeAddrAlt) && len == kAddrField;
+}
+
+template <class T>
+T* item_of(list_node_t* node) {
+    return static_cast<T*>(node->data);
+}
+
+// Sets the wake flag under `lock` and signals, so a waiter never misses it.
+void notify_flag(std::mutex& lock, std::condition_variable& cond, bool* flag) {
+    {
+        std::lock_guard<std::mutex> g(lock);
+        if (flag) *flag = true;
+    }
+    cond.notify_all();
+}
+
+void wake_sender(qmx_srv* s) { notify_flag(s->query_lock, s->query_cond, &s->query_wake); }
+
+// ---- event worker ----
+
+struct match_ctx {
+    qmx_srv* srv;
+    const queued_event* ev;
+};
+
+int match_notifier(const char* text, int len, uint32_t id, uint32_t end, int match_len, int zero,
+                   void* arg) {
+    const auto* m = static_cast<const match_ctx*>(arg);
+    const int group = static_cast<int>((id >> 8) & 0xFF);
+    const int sub_group = static_cast<int>(id & 0xFF);
+    LOG_D("  *match4 -> text: %.*s (%d), id:%d(%d, %d), match: %u / %d\n", len, text, len,
+          static_cast<int>(id), group, sub_group, end, match_len);
+    const uint32_t type = m->ev->data_type;
+    if (m->srv->running.load() && type >= kTypeDomain && type <= kTypeAddrAlt) {
+        zor_notify_db_group(2, static_cast<int>(type), m->ev->text.c_str(), 86400, group,
+                            sub_group);
+    }
+    return 1;
+}
+
+// Queues a cloud query for the key when the cache says one is due.
+void queue_query(qmx_srv* s, const queued_event& ev, verdict_entry* e) {
+    // A full list leaves the entry unmarked, so the key is asked for when the
+    // kernel reports it again.
+    if (list_count(s->query_list) >= kPendingCap) return;
+    if (!db_should_query(e) || !s->running.load()) return;
+    auto* item = new (std::nothrow) query_item;
+    if (!item) return;
+    try {
+        item->key = ev.text;
+    } catch (const std::bad_alloc&) {
+        delete item;
+        return;
+    }
+    item->data_type = static_cast<int32_t>(ev.data_type);
+    item->node.data = item;
+    list_push_front(s->query_list, &item->node);
+}
+
+// Cache step: true when a stored verdict answered the report.
+bool answer_from_cache(qmx_srv* s, const queued_event& ev) {
+    const char* key = ev.text.c_str();
+    verdict_entry* e = db_find(ev.data_type, key);
+    if (e && db_flag_bit1(e) == 0) {
+        db_verdict v = db_entry_verdict(e);
+        zor_notify_db_group(1, static_cast<int>(ev.data_type), key, v.ttl, v.group, v.sub_group);
+        db_put(e);
+        return true;
+    }
+    if (!e) e = db_get_or_add(ev.data_type, key, 1);
+    if (e) {
+        queue_query(s, ev, e);
+        db_put(e);
+    }
+    return false;
+}
+
+void process_event(qmx_srv* s, const queued_event& ev) {
+    const unsigned now = now_seconds();
+    const int type = static_cast<int>(ev.data_type);
+    match_ctx m{s, &ev};
+    bool known = true;
+    if (is_domain(ev.data_type, ev.data_len)) {
+        LOG_D("[%u] %d dn %s", now, type, ev.text.c_str());
+        if (xdb_match_domain(ev.text.c_str(), ev.text.size(), match_notifier, &m) != 0) return;
+    } else if (is_address(ev.data_type, ev.data_len)) {
+        LOG_D("[%u] %d ip %s", now, type, ev.text.c_str());
+        if (xdb_match_ipv4(ev.text.c_str(), match_notifier, &m) != 0) return;
+    } else {
+        known = false;
+    }
+    if (known && answer_from_cache(s, ev)) return;
+    if ((ev.flags & 1u) && s->running.load()) wake_sender(s);
+}
+
+void event_main(qmx_srv* s) {
+    LOG_D("Start thread: receive data from netlink");
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lk(s->event_lock);
+            if (list_count(s->event_list) == 0)
+                s->event_cond.wait(lk, [&] { return s->event_wake || !s->running.load(); });
+            s->event_wake = false;
+        }
+        if (!s->running.load()) return;
+        while (s->running.load()) {
+            list_node_t* node = list_pop_front_node(s->event_list);
+            if (!node) break;
+            std::unique_ptr<queued_event> ev(item_of<queued_event>(node));
+            process_event(s, *ev);
+            s->finished.fetch_add(1);
+        }
+    }
+}
+
+// ---- query sender ----
+
+struct cjson_deleter {
+    void operator()(cJSON* p) const { cJSON_Delete(p); }
+};
+struct free_deleter {
+    void operator()(char* p) const { free(p); }
+};
+
+// Takes up to kBatchSize keys, newest first, into "q".
+int take_batch(qmx_srv* s, cJSON* q) {
+    int n = 0;
+    while (n < kBatchSize) {
+        list_node_t* node = list_pop_front_node(s->query_list);
+        if (!node) break;
+        std::unique_ptr<query_item> item(item_of<query_item>(node));
+        cJSON* row = cJSON_CreateArray();
+        if (!row) continue;
+        cJSON_AddItemToArray(row, cJSON_CreateNumber(item->data_type));
+        cJSON_AddItemToArray(row, cJSON_CreateString(item->key.c_str()));
+        cJSON_AddItemToArray(row, cJSON_CreateNumber(item->zero1));
+        cJSON_AddItemToArray(row, cJSON_CreateNumber(item->zero2));
+        cJSON_AddItemToArray(q, row);
+        ++n;
+    }
+    return n;
+}
+
+void send_batch(qmx_srv* s) {
+    std::unique_ptr<cJSON, cjson_deleter> root(cJSON_CreateObject());
+    cJSON* q = root ? cJSON_AddArrayToObject(root.get(), "q") : nullptr;
+    if (!q) return;
+    int n = take_batch(s, q);
+    // A disabled cloud or a session that is not ready drops the batch;
+    // nothing is retried here.
+    if (n == 0 || qmxsrv_ctx.cloud_enabled.load() == 0 || !zor_ready()) return;
+    std::unique_ptr<char, free_deleter> text(cJSON_PrintUnformatted(root.get()));
+    if (!text) return;
+    LOG_D("Send query: %s", text.get());
+    std::optional<std::string> reply = zor_query(text.get(), &s->abort_query);
+    LOG_D("Query plain text: %s", reply ? reply->c_str() : "(null)");
+    if (reply) db_add_reply(reply->c_str());
+}
+
+void sender_main(qmx_srv* s) {
+    LOG_D("Start thread: send query to talvo");
+    // The list was empty when the workers started: keys queued before this
+    // thread first ran still wait for a wake, as if it had started at once.
+    bool first = true;
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lk(s->query_lock);
+            if (first || list_count(s->query_list) == 0)
+                s->query_cond.wait(lk, [&] { return s->query_wake || !s->running.load(); });
+            first = false;
+            s->query_wake = false;
+        }
+        if (!s->running.load()) return;
+        send_batch(s);
+    }
+}
+
+// ---- trigger ----
+
+// Sleeps one period; false when the workers are stopping.
+bool trigger_sleep(qmx_srv* s) {
+    std::unique_lock<std::mutex> lk(s->trigger_lock);
+    return !s->trigger_cond.wait_for(lk, s->trigger_period, [&] { return !s->running.load(); });
+}
+
+void trigger_main(qmx_srv* s) {
+    LOG_D("Start thread: routine trigger to query worker per %d seconds",
+          static_cast<int>(s->trigger_period.count() / 1000));
+    if (!trigger_sleep(s)) return;
+    LOG_D("[%u] trigger -> talvo query", now_seconds());
+    while (s->running.load()) {
+        // Only while nothing is pending: kept as the product has always
+        // behaved; pending keys go out on a flagged report instead.
+        if (list_count(s->query_list) == 0) wake_sender(s);
+        if (!trigger_sleep(s)) return;
+        LOG_D("[%u] trigger -> talvo query", now_seconds());
+    }
+}
+
+// ---- start and release ----
+
+template <class T>
+void free_items(list_t* list) {
+    if (!list) return;
+    while (list_node_t* node = list_pop_front_node(list)) delete item_of<T>(node);
+    list_free(list);
+}
+
+void join(std::thread& t) {
+    if (t.joinable()) t.join();
+}
+
+// Stops everything the record holds, in order, and frees it.
+void destroy(qmx_srv* s) {
+    s->running.store(false);
+    s->abort_query.store(true);
+    nlu_close(s->nlu);  // no report is handed over after this
+    s->nlu = nullptr;
+    notify_flag(s->event_lock, s->event_cond, nullptr);
+    join(s->event_thread);
+    free_items<queued_event>(s->event_list);
+    notify_flag(s->trigger_lock, s->trigger_cond, nullptr);
+    join(s->trigger_thread);
+    notify_flag(s->query_lock, s->query_cond, nullptr);
+    join(s->sender_thread);
+    free_items<query_item>(s->query_list);
+    delete s;
+}
+
+template <class Fn>
+bool start_thread(std::thread& t, Fn fn, qmx_srv* s, const char* failure) {
+    try {
+        t = std::thread(fn, s);
+        return true;
+    } catch (const std::system_error&) {
+        LOG_D("%s", failure);
+        return false;
+    }
+}
+
+}  // namespace
+
+int qmx_srv_start() {
+    if (g_srv.load()) return 1;
+    auto* s = new (std::nothrow) qmx_srv;
+    if (!s) return 0;
+    s->query_list = list_create();
+    s->event_list = list_create();
+    if (!s->query_list || !s->event_list) {
+        destroy(s);
+        return 0;
+    }
+    s->trigger_period = std::chrono::milliseconds(g_trigger_ms.load());
+    s->running.store(true);
+    bool ok = start_thread(s->sender_thread, sender_main, s,
+                           "Failed to create worker: send request to query talvo");
+    ok &= start_thread(s->trigger_thread, trigger_main, s,
+                       "Failed to create wakeup worker: routine trigger to query worker");
+    ok &= start_thread(s->event_thread, event_main, s,
+                       "Failed to create worker: receive data from netlink");
+    s->nlu = nlu_open(static_cast<uint32_t>(qmxsrv_ctx.pid), qmx_srv_handle_event);
+    if (!s->nlu) {
+        LOG_E("Fail to create socket: netlink generic");
+        ok = false;
+    }
+    if (!ok) {
+        destroy(s);
+        return 0;
+    }
+    g_srv.store(s);
+    return 1;
+}
+
+void qmx_srv_release() {
+    LOG_D("qmx_srv_release");
+    qmx_srv* s = g_srv.exchange(nullptr);
+    if (s) destroy(s);
+}
+
+void qmx_srv_handle_event(const nl_event* event) {
+    qmx_srv* s = g_srv.load();
+    if (!s || !s->running.load() || !event) return;
+    const uint32_t count = list_count(s->event_list);
+    LOG_D("get f=0x%08X, data_type=%d, data_len=%d, now count = %d", event->flags,
+          static_cast<int>(event->data_type), static_cast<int>(event->data_len),
+          static_cast<int>(count));
+    if (count >= kEventCap) return;
+    auto* q = new (std::nothrow) queued_event;
+    if (!q) return;
+    try {
+        q->text.assign(event->data(), strnlen(event->data(), event->data_len));
+    } catch (const std::bad_alloc&) {
+        delete q;
+        return;
+    }
+    q->flags = event->flags;
+    q->data_type = event->data_type;
+    q->data_len = event->data_len;
+    q->node.data = q;
+    if (is_domain(q->data_type, q->data_len) || is_address(q->data_type, q->data_len))
+        zor_notify_u2k(static_cast<int>(q->data_type), q->text.c_str());
+    list_push_front(s->event_list, &q->node);
+    notify_flag(s->event_lock, s->event_cond, &s->event_wake);
+}
+
+uint32_t qmx_srv_queued_events() {
+    qmx_srv* s = g_srv.load();
+    return s ? list_count(s->event_list) : 0;
+}
+
+uint64_t qmx_srv_finished_events() {
+    qmx_srv* s = g_srv.load();
+    return s ? s->finished.load() : 0;
+}
+
+uint32_t qmx_srv_pending_queries() {
+    qmx_srv* s = g_srv.load();
+    return s ? list_count(s->query_list) : 0;
+}
+
+void qmx_srv_set_trigger_interval(std::chrono::milliseconds period) {
+    g_trigger_ms.store(period.count() > 0 ? period.count() : 1);
+}
