@@ -5,6 +5,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <new>
 
@@ -14,6 +15,7 @@ constexpr uint32_t kTargetBits = 0x3FFFFFFFu;
 constexpr uint32_t kOutputBit = 0x80000000u;  // the transition reports outputs
 constexpr uint32_t kDownBit = 0x40000000u;    // so do states down its failure chain
 constexpr uint32_t kChainBit = 0x80000000u;   // the next pattern record belongs to this output
+constexpr uint32_t kSuffixBits = 0x07F00000u;  // the record's suffix index
 
 // The fields one automaton step needs, kept in registers.
 struct automaton {
@@ -60,32 +62,68 @@ void keep_pending(xac_scanner* sc, uint32_t rec, const uint8_t* t, uint32_t avai
     if (sc->pending_count < XAC_MAX_PENDING) sc->pending[sc->pending_count++] = {rec, avail};
 }
 
-// Confirms one record against the text after the key ending at p and hands
-// it to the handler.
-unsigned try_record(xac_scanner* sc, const uint8_t* t, uint32_t n, uint32_t rec, uint32_t p) {
+// The domain lookup's acceptance rule for a match of length m ending at e:
+// the whole name, or a piece whose ends that touch the rest of the name are
+// dots.
+bool on_label_boundaries(const uint8_t* t, uint32_t n, uint32_t e, uint32_t m) {
+    if (m == 0 || e < m) return false;
+    if (m == n) return true;
+    if (e == n) return t[e - m] == '.';
+    if (e == m) return t[e - 1] == '.';
+    return t[e - 1] == '.' && t[e - m] == '.';
+}
+
+// A record that fits the text and may pass the lookup's rule: the rest of
+// the rule, then its postfix and suffix texts, then the handler.
+template <xac_accept Rule>
+unsigned confirm_record(xac_scanner* sc, const uint8_t* t, uint32_t n, uint32_t w0, uint32_t w1, uint32_t p,
+                        uint32_t end) {
     const xac_tables& tb = *sc->tables;
-    const uint32_t w0 = tb.patterns[2 * size_t{rec}], w1 = tb.patterns[2 * size_t{rec} + 1];
     const uint32_t len = w1 >> 24;
+    const uint32_t match_len = (w0 >> 27 & 7) + (end - p);
+    if (Rule == xac_accept::label_boundaries && !on_label_boundaries(t, n, end, match_len)) return 0;
+    // Records of one key mostly differ early: the first byte inline.
+    if (len) {
+        const uint8_t* post = tb.postfix.get() + (w1 & 0xFFFFFF);
+        if (t[p] != post[0] || std::memcmp(t + p + 1, post + 1, len - 1) != 0) return 0;
+    }
+    if (const uint32_t unit = end - p - len) {
+        const uint32_t k = (w0 >> 20) & 0x7F;
+        if (std::memcmp(t + p + len, tb.suffix.get() + size_t{k} * unit, unit) != 0) return 0;
+    }
+    return static_cast<unsigned>(sc->handler(reinterpret_cast<const char*>(t), static_cast<int>(n), w0 & 0xFFFFF,
+                                             end, static_cast<int>(match_len), 0, sc->arg));
+}
+
+// The records of one output, from `rec` while the chain bit says the next
+// one belongs to it: each is confirmed against its postfix and suffix after
+// the key ending at p and handed to the handler. A lookup's own acceptance
+// rule is tested first: it needs only the record's lengths, and a record it
+// refuses never reaches the caller, so its texts need not be read.
+template <xac_accept Rule>
+unsigned check_records(xac_scanner* sc, const uint8_t* t, uint32_t n, uint32_t rec, uint32_t p) {
+    const xac_tables& tb = *sc->tables;
+    const uint32_t* w = tb.patterns.get() + 2 * size_t{rec};
+    const uint32_t suffix_unit = tb.suffix_unit;
     const uint32_t rem = n - p;
-    if (len > rem) {
-        if (sc->streaming) keep_pending(sc, rec, t + p, rem);
-        return 0;
-    }
-    if (len && std::memcmp(t + p, tb.postfix.get() + (w1 & 0xFFFFFF), len) != 0) return 0;
-    uint32_t end = p + len;
-    const uint32_t k = (w0 >> 20) & 0x7F;
-    if (k) {
-        const uint32_t unit = tb.suffix_unit;
-        if (rem - len < unit) {
-            if (sc->streaming) keep_pending(sc, rec, t + p, rem);
-            return 0;
+    const bool streaming = sc->streaming;
+    for (;; ++rec, w += 2) {
+        const uint32_t w0 = w[0], w1 = w[1];
+        const uint32_t len = w1 >> 24;
+        const uint32_t unit = suffix_unit & (0u - static_cast<uint32_t>((w0 & kSuffixBits) != 0));
+        const uint32_t tail = len + unit;
+        const uint32_t end = p + tail;
+        // Decided without branches where possible: most records fail here.
+        bool maybe = tail <= rem;
+        if constexpr (Rule == xac_accept::label_boundaries)
+            maybe &= (end == n) | (t[(end < n ? end : n) - 1] == '.');
+        if constexpr (Rule == xac_accept::from_start) maybe &= p == (w0 >> 27 & 7);
+        if (maybe) {
+            if (unsigned r = confirm_record<Rule>(sc, t, n, w0, w1, p, end)) return r;
         }
-        if (unit && std::memcmp(t + end, tb.suffix.get() + size_t{k} * unit, unit) != 0) return 0;
-        end += unit;
+        if (streaming && tail > rem) keep_pending(sc, rec, t + p, rem);
+        if (!(w0 & kChainBit)) return 0;
     }
-    const int match_len = static_cast<int>((w0 >> 27 & 7) + (end - p));
-    return static_cast<unsigned>(sc->handler(reinterpret_cast<const char*>(t), static_cast<int>(n),
-                                             w0 & 0xFFFFF, end, match_len, 0, sc->arg));
 }
 
 // The output-hash search, bounded by the longest probe the loader measured.
@@ -115,21 +153,63 @@ unsigned report_outputs(xac_scanner* sc, const automaton& a, const uint8_t* t, u
     if (!tb.has_patterns)
         return static_cast<unsigned>(
             sc->handler(reinterpret_cast<const char*>(t), static_cast<int>(n), rec, p, 0, 0, sc->arg));
-    for (;; ++rec) {
-        if (unsigned r = try_record(sc, t, n, rec, p)) return r;
-        if (!(tb.patterns[2 * size_t{rec}] & kChainBit)) return 0;
+    switch (sc->rule) {
+    case xac_accept::label_boundaries: return check_records<xac_accept::label_boundaries>(sc, t, n, rec, p);
+    case xac_accept::from_start: return check_records<xac_accept::from_start>(sc, t, n, rec, p);
+    default: return check_records<xac_accept::anything>(sc, t, n, rec, p);
     }
 }
 
+// Outputs found but not yet reported. Outside streaming mode a scan reads
+// ahead before reporting: it asks for an output's first pattern record at
+// once and reports a few outputs later (at the latest at the end of the
+// text), in the same order as it would have at once, so the first match
+// accepted is the same while the record load overlaps the scan.
+struct deferred_outputs {
+    static constexpr uint32_t kMax = 4;
+    uint32_t index[kMax];  // transition indexes
+    uint32_t end[kMax];    // where their keys end
+    uint32_t count = 0;
+};
+
+unsigned report_deferred(xac_scanner* sc, const automaton& a, const uint8_t* t, uint32_t n, deferred_outputs& q) {
+    for (uint32_t k = 0; k < q.count; ++k) {
+        if (unsigned r = report_outputs(sc, a, t, n, q.index[k], q.end[k])) return r;
+    }
+    q.count = 0;
+    return 0;
+}
+
+unsigned defer_output(xac_scanner* sc, const automaton& a, const uint8_t* t, uint32_t n, deferred_outputs& q,
+                      uint32_t i, uint32_t p) {
+    if (sc->streaming) return report_outputs(sc, a, t, n, i, p);
+    if (q.count == deferred_outputs::kMax) {
+        if (unsigned r = report_deferred(sc, a, t, n, q)) return r;
+    }
+    const uint32_t v = a.target(a.words[i]);
+    if (v >= a.count && sc->tables->has_patterns)
+        __builtin_prefetch(sc->tables->patterns.get() + 2 * size_t{v - a.count});
+    q.index[q.count] = i;
+    q.end[q.count++] = p;
+    return 0;
+}
+
+struct walk_result {
+    unsigned handler_result;
+    uint32_t state;
+};
+
 // A transition x from s on c that reports outputs or has outputs below it:
-// report them down the failure chain and settle the next state.
-[[gnu::noinline]] unsigned walk_outputs(xac_scanner* sc, const automaton& a, const uint8_t* t, uint32_t n,
-                                        uint32_t s, uint32_t c, uint32_t x, uint32_t p, uint32_t& state) {
+// queue them down the failure chain and settle the next state. (The state
+// travels by value so the byte loop keeps it in a register.)
+[[gnu::noinline]] walk_result walk_outputs(xac_scanner* sc, deferred_outputs& q, const uint8_t* t, uint32_t n,
+                                           uint32_t s, uint32_t c, uint32_t x, uint32_t p) {
+    const automaton a(*sc->tables);
     uint32_t target = a.target(x);
-    state = target < a.count ? target : 0;
+    uint32_t state = target < a.count ? target : 0;
     for (;;) {
         if (x & kOutputBit) {
-            if (unsigned r = report_outputs(sc, a, t, n, s + c, p)) return r;
+            if (unsigned r = defer_output(sc, a, t, n, q, s + c, p)) return {r, state};
         }
         if (state == 0) {
             // Came through a leaf: the first real state down the chain
@@ -137,10 +217,10 @@ unsigned report_outputs(xac_scanner* sc, const automaton& a, const uint8_t* t, u
             target = a.target(x);
             if (target != 0 && target < a.count) state = target;
         } else if (!(x & kDownBit)) {
-            return 0;
+            return {0, state};
         }
         do {
-            if (s == 0) return 0;
+            if (s == 0) return {0, state};
             s = a.failure(s);
         } while (!a.step(s, c, x));
     }
@@ -172,13 +252,46 @@ unsigned finish_pending(xac_scanner* sc, const uint8_t* t, uint32_t n) {
     return 0;
 }
 
+// The first position at or after `pos` holding `b`, or n. Eight bytes at a
+// time; names and their labels are too short for memchr to pay off.
+uint32_t find_byte(const uint8_t* t, uint32_t pos, uint32_t n, uint8_t b) {
+    constexpr uint64_t ones = 0x0101010101010101ull, highs = 0x8080808080808080ull;
+    const uint64_t pattern = ones * b;
+    for (; pos + 8 <= n; pos += 8) {
+        uint64_t w;
+        std::memcpy(&w, t + pos, 8);
+        w ^= pattern;  // zero bytes where t holds b
+        if (const uint64_t hit = (w - ones) & ~w & highs) {
+            if constexpr (std::endian::native == std::endian::little) return pos + std::countr_zero(hit) / 8;
+            else break;
+        }
+    }
+    while (pos < n && t[pos] != b) ++pos;
+    return pos;
+}
+
 template <bool Anchored>
 unsigned run(xac_scanner* sc, const uint8_t* t, uint32_t n) {
     const automaton a(*sc->tables);
     const uint16_t* symbols = sc->tables->symbols;
+    const uint8_t* stays = sc->tables->root_stays;
+    const int single = sc->tables->root_single_start;
     uint32_t state = sc->state;
     unsigned r = 0;
+    deferred_outputs queued;
     for (uint32_t pos = 0; pos < n; ++pos) {
+        if (!Anchored && state == 0) {
+            // At the root most bytes lead nowhere: pass them without
+            // touching the automaton (a word at a time when one byte
+            // alone starts every key).
+            if (single >= 0) {
+                pos = find_byte(t, pos, n, static_cast<uint8_t>(single));
+                if (pos == n) break;
+            } else {
+                while (pos < n && stays[t[pos]]) ++pos;
+                if (pos == n) break;
+            }
+        }
         const uint32_t c = symbols[t[pos]];
         if (c == 0) {
             if (Anchored) break;
@@ -205,8 +318,11 @@ unsigned run(xac_scanner* sc, const uint8_t* t, uint32_t n) {
             state = x >> a.shift;
             continue;
         }
-        if ((r = walk_outputs(sc, a, t, n, s, c, x, pos + 1, state)) != 0) break;
+        const walk_result w = walk_outputs(sc, queued, t, n, s, c, x, pos + 1);
+        state = w.state;
+        if ((r = w.handler_result) != 0) break;
     }
+    if (r == 0 && queued.count) r = report_deferred(sc, a, t, n, queued);
     sc->state = state;
     return r;
 }
@@ -216,22 +332,11 @@ struct filter_target {
     void* arg;
 };
 
-// A domain match must sit on label boundaries: the whole name, or a piece
-// whose outer ends that touch the rest of the name are dots.
+// The domain lookup's filter around the caller's handler.
 int domain_filter(const char* t, int n, uint32_t id, uint32_t e, int m, int zero, void* arg) {
-    if (m <= 0 || e < static_cast<uint32_t>(m)) return 0;
-    const uint32_t um = static_cast<uint32_t>(m), un = static_cast<uint32_t>(n);
-    bool accepted;
-    if (um == un) {
-        accepted = true;
-    } else if (e == un) {
-        accepted = t[e - um] == '.';
-    } else if (e == um) {
-        accepted = t[e - 1] == '.';
-    } else {
-        accepted = t[e - 1] == '.' && t[e - um] == '.';
-    }
-    if (!accepted) return 0;
+    if (m <= 0 || !on_label_boundaries(reinterpret_cast<const uint8_t*>(t), static_cast<uint32_t>(n), e,
+                                       static_cast<uint32_t>(m)))
+        return 0;
     auto* to = static_cast<filter_target*>(arg);
     if (to->handler) to->handler(t, n, id, e, m, zero, to->arg);
     return 1;
@@ -249,11 +354,14 @@ int prefix_filter(const char* t, int n, uint32_t id, uint32_t e, int m, int zero
 
 void xac_scanner_init(xac_scanner* sc, const xac_tables* tables, xac_match_fn handler, void* arg,
                       int streaming) {
-    *sc = xac_scanner{};
+    // Field by field: the pending slots are only read below pending_count.
     sc->tables = tables;
+    sc->state = 0;
     sc->handler = handler;
     sc->arg = arg;
     sc->streaming = streaming != 0;
+    sc->rule = xac_accept::anything;
+    sc->pending_count = 0;
 }
 
 xac_scanner_ptr xac_scanner_new(const xac_tables* tables, xac_match_fn handler, void* arg, int streaming) {
@@ -281,8 +389,9 @@ unsigned category_db_match_domain(const category_db* db, const char* name, size_
                                   void* arg) {
     if (!db || !db->tables || !name) return 0;
     filter_target to{handler, arg};
-    xac_scanner sc;
+    xac_scanner sc;  // NOLINT: initialised field by field below
     xac_scanner_init(&sc, db->tables.get(), domain_filter, &to, 0);
+    sc.rule = xac_accept::label_boundaries;
     return xac_scan(&sc, name, len);
 }
 
@@ -305,6 +414,7 @@ int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn
     filter_target to{handler, arg};
     xac_scanner sc;
     xac_scanner_init(&sc, db->tables.get(), prefix_filter, &to, 0);
+    sc.rule = xac_accept::from_start;
     uint32_t values[25];
     const int count = xdb_ipv4_prefixes(uint32_t{b[0]} << 24 | uint32_t{b[1]} << 16 | uint32_t{b[2]} << 8 | b[3],
                                         values);

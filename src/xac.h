@@ -24,14 +24,23 @@ struct xac_pending {
     uint32_t done;    // postfix and suffix bytes already confirmed
 };
 
+// What the handler will accept, when the scanner may know it in advance:
+// records that fail the rule are dropped before their texts are compared.
+enum class xac_accept : uint8_t {
+    anything,          // the handler decides alone
+    label_boundaries,  // the domain lookup's rule
+    from_start,        // the address lookup's rule: the match starts the text
+};
+
 struct xac_scanner {
     const xac_tables* tables = nullptr;
     uint32_t state = 0;  // current automaton state; 0 is the root
     xac_match_fn handler = nullptr;
     void* arg = nullptr;
     bool streaming = false;  // keep the state and pending records between calls
+    xac_accept rule = xac_accept::anything;
     uint32_t pending_count = 0;
-    xac_pending pending[XAC_MAX_PENDING] = {};
+    xac_pending pending[XAC_MAX_PENDING];  // entries below pending_count are live
 };
 
 void xac_scanner_free(xac_scanner* scanner);

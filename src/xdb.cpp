@@ -260,6 +260,16 @@ private:
     std::vector<uint8_t> record_seen_;
 };
 
+void mark_root_stays(xac_tables& tb) {
+    int leaving = 0;
+    for (int b = 0; b < 256; ++b) {
+        const uint32_t c = tb.symbols[b];
+        tb.root_stays[b] = c == 0 || c >= tb.trans_count || ((tb.trans[c] ^ c) & tb.check_mask) != 0;
+        if (!tb.root_stays[b] && leaving++ == 0) tb.root_single_start = static_cast<int16_t>(b);
+    }
+    if (leaving != 1) tb.root_single_start = -1;
+}
+
 // Steps 3 to 9: the xac block. Prints the failing step's message.
 bool load_xac(byte_source& src, xac_tables& tb) {
     uint8_t block[XDB_BLOCK_HEADER_SIZE];
@@ -331,6 +341,7 @@ bool load_xac(byte_source& src, xac_tables& tb) {
         std::fprintf(stderr, "Invalid xac tables, %s!\n", why);
         return false;
     }
+    mark_root_stays(tb);
     return true;
 }
 

@@ -57,6 +57,11 @@ struct xac_tables {
     // Longest distance from a key's home slot to the slot that holds it:
     // an output-hash search never looks further.
     uint32_t hash_probe_limit = 0;
+    // 1 for an input byte that leaves the root where it is (no symbol, or
+    // no valid root transition): unanchored scans pass such bytes quickly.
+    uint8_t root_stays[256] = {};
+    // The one byte that leaves the root, or -1 when there are more or none.
+    int16_t root_single_start = -1;
 
     // The five tables. `trans` and `hash` share one allocation (`area`);
     // hash slots are (key, value) word pairs. Pattern records are two words
