@@ -343,16 +343,17 @@ TEST_F(EndToEnd, CategoryFileHitIsAnsweredLocally) {
     if (std::string(e2e_paths::xdbc()).empty()) GTEST_SKIP() << "xdbc is not part of this build";
     sim_world w;
     const std::string source = w.dir() + "/categories.src", xdb = w.dir() + "/categories.xdb";
-    std::ofstream(source) << "# pattern id\nlocal.example 0x0305\n198.51.100.7 0x0102\n";
+    std::ofstream(source) << "# pattern id\n.local.example 0x0305\n198.51.100.7 0x0102\n";
     ASSERT_EQ(sim_world::xdbc_build(source, xdb), 0) << joined(w.lines_of("categories.xdb.log"));
     ASSERT_TRUE(up(w, {.xdb = xdb}));
     ASSERT_EQ(w.kernsim({"domain", "www.local.example", ";", "addr", "198.51.100.7"}), 0);
     ASSERT_TRUE(w.wait_ctrl("db key2group update 2 20 www.local.example 86400 3 5")) << joined(w.ctrl_lines());
     ASSERT_TRUE(w.wait_ctrl("db key2group update 2 21 198.51.100.7 86400 1 2")) << joined(w.ctrl_lines());
-    // A key sent after them and flushed shows what was pending: only itself.
-    ASSERT_EQ(w.kernsim({"domain", "fence.example", "flags=1"}), 0);
+    // A name off the label boundary is not the file's: it goes to the cloud,
+    // and its query shows what else was pending: nothing.
+    ASSERT_EQ(w.kernsim({"domain", "notlocal.example", "flags=1"}), 0);
     ASSERT_TRUE(wait_queries(1));
-    ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 fence.example 86400 0 0"));
-    EXPECT_EQ(queries(), (std::vector<query_keys>{{{20, "fence.example"}}}));
+    ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 notlocal.example 86400 0 0")) << joined(w.ctrl_lines());
+    EXPECT_EQ(queries(), (std::vector<query_keys>{{{20, "notlocal.example"}}}));
     EXPECT_EQ(w.ctrl_count("db key2group update 2"), 2u);
 }
