@@ -243,6 +243,7 @@ TEST_F(EndToEnd, HostileKeysNeverRunAnythingButTheIntendedCommand) {
                          c.compare(c.size() - CTRL_TAIL.size(), CTRL_TAIL.size(), CTRL_TAIL) == 0;
         EXPECT_TRUE(module_line || ctrl_line) << "unexpected command: " << c;
     }
+    EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
 }
 
 TEST_F(EndToEnd, UnknownKeysAreAnsweredFromTheCloud) {
@@ -300,6 +301,7 @@ TEST_F(EndToEnd, ManyUnknownKeysGoOutInBatchesOfFiftyNewestFirst) {
     for (int i = 119; i >= 0; --i)
         expected[i >= 70 ? 0 : i >= 20 ? 1 : 2].emplace_back(20, "k" + std::to_string(i) + ".example");
     EXPECT_EQ(queries(), expected) << describe(queries());
+    EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
 }
 
 TEST_F(EndToEnd, CloudSwitchedOffDropsTheBatch) {
