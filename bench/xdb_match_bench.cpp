@@ -55,8 +55,8 @@ struct rng {
 
 // Labels are one to three pseudo-syllables (onset, vowel, coda) drawn with
 // a skewed frequency, so that common beginnings recur the way brand and
-// word prefixes do in real host names; about 70% of the patterns have an
-// automaton key of their own.
+// word prefixes do in real host names (the patterns have about 70,000
+// distinct seven-byte keys).
 const char* const kOnsets[] = {"",   "",   "",   "",   "b",  "c",  "d",  "f",  "g",  "h",  "j",  "k",  "l",
                                "m",  "n",  "p",  "r",  "s",  "t",  "v",  "w",  "y",  "z",  "bl", "br", "cl",
                                "cr", "dr", "fl", "fr", "gl", "gr", "pl", "pr", "sc", "sk", "sl", "sp", "st",
