@@ -178,12 +178,20 @@ echo "  target RssAnon < 3 MiB + category file = $limit_kib KiB"
 echo "$breakdown" | sed 's/^/  /'
 echo "stripped binary: $stripped_bytes bytes (text $text_bytes, data $data_bytes, bss $bss_bytes)"
 echo "idle wake-ups over ${seconds} s (commands run meanwhile: $((commands_after - commands_before))):"
-join "$work/switches.0" "$work/switches.1" | awk -v s="$seconds" '
-    { v = $4 - $2; n = $5 - $3; tv += v; tn += n
-      printf "  thread %-8s %5d wake-ups %7.3f /s   (%d preempted)\n", $1, v, v / s, n }
-    END { printf "  all threads     %5d wake-ups %7.3f /s   (%d preempted)\n", tv, tv / s, tn
-          print tv / s > "/dev/stderr" }
-' 2> "$work/rate"
+# Threads in the order they started; one that started during the window
+# counts from zero, one that ended in it is left out.
+awk -v s="$seconds" '
+    NR == FNR { order[++count] = $1; v0[$1] = $2; n0[$1] = $3; next }
+    { v1[$1] = $2; n1[$1] = $3; if (!($1 in v0)) { order[++count] = $1; v0[$1] = 0; n0[$1] = 0 } }
+    END {
+      for (i = 1; i <= count; ++i) {
+        t = order[i]; if (!(t in v1)) continue
+        v = v1[t] - v0[t]; n = n1[t] - n0[t]; tv += v; tn += n
+        printf "  thread %-8s %5d wake-ups %7.3f /s   (%d preempted)\n", t, v, v / s, n
+      }
+      printf "  all threads     %5d wake-ups %7.3f /s   (%d preempted)\n", tv, tv / s, tn
+      print tv / s > "/dev/stderr"
+    }' "$work/switches.0" "$work/switches.1" 2> "$work/rate"
 rate=$(cat "$work/rate")
 echo "  target: no more than the timers need, $budget /s"
 
