@@ -1,6 +1,7 @@
 #include "qmx_server.h"
 
 #include <cjson/cJSON.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -28,6 +29,7 @@ namespace {
 constexpr uint32_t kEventCap = 1025;   // queued reports; beyond it reports are dropped
 constexpr int kBatchSize = 50;         // keys per cloud query
 constexpr uint32_t kPendingCap = 4096; // keys waiting for a query
+constexpr size_t kTrimAfterReply = 64 * 1024;  // replies larger than this are given back
 constexpr uint32_t kTypeDomain = 20;
 constexpr uint32_t kTypeAddr = 21;
 constexpr uint32_t kTypeAddrAlt = 22;
@@ -281,9 +283,18 @@ void send_batch(qmx_srv* s) {
     std::unique_ptr<char, free_deleter> text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
     LOG_D("Send query: %s", text.get());
-    std::optional<std::string> reply = zor_query(text.get(), &s->abort_query);
-    LOG_D("Query plain text: %s", reply ? reply->c_str() : "(null)");
-    if (reply) db_add_reply(reply->c_str());
+    size_t reply_size = 0;
+    {
+        std::optional<std::string> reply = zor_query(text.get(), &s->abort_query);
+        LOG_D("Query plain text: %s", reply ? reply->c_str() : "(null)");
+        if (reply) {
+            reply_size = reply->size();
+            db_add_reply(reply->c_str());
+        }
+    }
+    // A large reply leaves its parse tree's many small blocks free inside the
+    // heap, where malloc would keep them for good; they go back at once.
+    if (reply_size > kTrimAfterReply) malloc_trim(0);
 }
 
 void sender_main(qmx_srv* s) {
