@@ -215,7 +215,9 @@ void show_db(ipc_reply& reply) {
     reply.result = 0;
 }
 
-void dispatch(ipc_request& req, ipc_reply& reply) {
+}  // namespace
+
+void ipc_dispatch(ipc_request& req, ipc_reply& reply) {
     // Every text argument ends inside the record, whatever the client sent.
     req.buf[sizeof req.buf - 1] = '\0';
     switch (req.cmd) {
@@ -272,6 +274,8 @@ void dispatch(ipc_request& req, ipc_reply& reply) {
     }
 }
 
+namespace {
+
 // --- the command thread ---------------------------------------------------
 
 // Serves one connection. Returns false when stop was asked meanwhile.
@@ -297,7 +301,7 @@ bool serve(int conn, int stop, ipc_reply& reply) {
     if (n == 0) return true;  // the client went away without a request
     ipc_request req;
     memcpy(&req, area, sizeof req);
-    dispatch(req, reply);
+    ipc_dispatch(req, reply);
     // A client that stopped reading must not hold the thread.
     (void)send(conn, &reply, sizeof reply, MSG_NOSIGNAL | MSG_DONTWAIT);
     return true;
