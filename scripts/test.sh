@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs every test: the suite in a normal build, then again under
-# AddressSanitizer + UndefinedBehaviorSanitizer. Fails on any failing test
-# or sanitizer report.
+# AddressSanitizer + UndefinedBehaviorSanitizer, then a bounded run of every
+# fuzz target (scripts/fuzz.sh). Fails on any failing test, sanitizer
+# report or fuzzing finding.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -22,6 +23,11 @@ run_suite() {
 
 run_suite normal build
 run_suite "asan+ubsan" build-asan -DZOR_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug
+
+echo "== fuzz (bounded)"
+if ! bash scripts/fuzz.sh; then
+  status=1
+fi
 
 if [ $status -ne 0 ]; then
   echo "test.sh: FAILED"
