@@ -58,8 +58,10 @@ inline constexpr std::string_view kVerbs[] = {"db key2group u2k ", "db key2group
 
 // True when `line` is "[ -f /proc/zor/ctrl ] && echo "<verb ...>" > /proc/zor/ctrl"
 // and the text between the quotes can neither end the quotes early nor
-// expand anything: '"', '$', '`' and '\' appear only escaped, and there is
-// no control byte anywhere.
+// expand anything: '"', '$' and '`' appear only escaped, and there is no
+// control byte anywhere. No backslash may reach echo either: some shells'
+// echo reads "\n" or "\c" in its argument, so the kernel would get another
+// text, or a second command line.
 inline bool control_line_ok(std::string_view line) {
     if (line.size() < kLineHead.size() + kLineTail.size()) return false;
     if (line.substr(0, kLineHead.size()) != kLineHead) return false;
@@ -76,7 +78,7 @@ inline bool control_line_ok(std::string_view line) {
         if (c == '\\') {
             if (++i == body.size()) return false;
             const char e = body[i];
-            if (e != '\\' && e != '"' && e != '$' && e != '`') return false;
+            if (e != '"' && e != '$' && e != '`') return false;
         }
     }
     return true;
