@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # fuzz.sh [--long SECONDS] [TARGET...]
 #
-# Builds the libFuzzer targets (clang 14, AddressSanitizer + UBSan, only the
-# fuzz targets and zor_core) into build-fuzz/ and runs each target over its
-# checked-in seeds in fuzz/corpus/<target>/. Fails on any crash, leak,
-# sanitizer report, failed check or input that hangs.
+# Builds the libFuzzer targets (clang 14, AddressSanitizer + UBSan; only the
+# fuzz targets, zor_core and the category compiler's library) into
+# build-fuzz/ and runs each target over its checked-in seeds in
+# fuzz/corpus/<target>/. Fails on any crash, leak, sanitizer report, failed
+# check or input that hangs. See docs/fuzzing.md.
 #
 # Default: a bounded run, the same every time: a fixed number of inputs per
-# target (about ten seconds each; ZOR_FUZZ_RUNS sets one number for all) from a fixed random seed (ZOR_FUZZ_SEED), with ZOR_FUZZ_MAX_TIME
-# seconds per target (default 30) as a backstop. New inputs go to a scratch
-# corpus that is thrown away.
+# target (about ten seconds each; ZOR_FUZZ_RUNS sets one number for all)
+# from a fixed random seed (ZOR_FUZZ_SEED), with ZOR_FUZZ_MAX_TIME seconds
+# per target (default 30) as a backstop. New inputs go to a scratch corpus
+# that is thrown away.
 #
 # --long SECONDS: each target runs for SECONDS with a fresh random seed and
 # keeps what it finds in build-fuzz/corpus-long/<target>/ across runs.
