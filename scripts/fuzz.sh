@@ -8,7 +8,7 @@
 # check or input that hangs. See docs/fuzzing.md.
 #
 # Default: a bounded run, the same every time: a fixed number of inputs per
-# target (about ten seconds each; ZOR_FUZZ_RUNS sets one number for all)
+# target (five to ten seconds each; ZOR_FUZZ_RUNS sets one number for all)
 # from a fixed random seed (ZOR_FUZZ_SEED), with ZOR_FUZZ_MAX_TIME seconds
 # per target (default 30) as a backstop. New inputs go to a scratch corpus
 # that is thrown away.
@@ -59,11 +59,11 @@ export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
 runs_for() {
   if [ -n "${ZOR_FUZZ_RUNS:-}" ]; then echo "$ZOR_FUZZ_RUNS"; return; fi
   case $1 in
-    login_reply) echo 300000 ;;
-    cipher_text) echo 200000 ;;
-    category|ini) echo 150000 ;;
-    ipc|rule_file) echo 100000 ;;
-    cloud_verdict|category_match|netlink) echo 60000 ;;
+    login_reply) echo 200000 ;;
+    cipher_text) echo 150000 ;;
+    category|ini) echo 100000 ;;
+    ipc|rule_file) echo 70000 ;;
+    cloud_verdict|category_match|netlink) echo 40000 ;;
     *) echo 50000 ;;
   esac
 }
