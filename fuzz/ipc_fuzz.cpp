@@ -8,6 +8,7 @@
 // Input: request records, 264 bytes each (the last may be short), dispatched
 // in order against one reply record, as one command thread would.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -39,6 +40,10 @@ void write_file(const std::string& path, std::string_view text) {
 void make_rule_dir() {
     const std::string dir(kRuleDir);
     mkdir(dir.c_str(), 0700);
+    // A shared /tmp: write only into a directory of our own, never through a link.
+    struct stat st {};
+    if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != getuid())
+        fuzz::fail("rule directory is not a directory of this user", dir);
     write_file(dir + "rules.json",
                R"({"1":{"mac":"00:11:22:33:44:55","dn":"games.example"},)"
                R"("2":{"mac":"001122334466","cn":"video","schedule":{"type":1,"weekly":[0,1,2,3,4,5,6],)"
