@@ -70,8 +70,7 @@ void look_up(const category_db* db, std::string_view query) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     return 0;
 }
 

@@ -92,8 +92,7 @@ int record_match(const char*, int, uint32_t id, uint32_t end, int len, int, void
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     return 0;
 }
 
@@ -132,9 +131,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz::check(r == (got.any ? 1u : 0u), "lookup result and handler disagree", text);
         const found want = ref.first_domain_match(text);
         if (!(got == want)) {
-            fprintf(stderr, "name \"%.*s\": matcher %d id %u end %u len %d, brute force %d id %u end %u len %d\n",
-                    static_cast<int>(text.size()), text.data(), got.any, got.id, got.end, got.len, want.any,
-                    want.id, want.end, want.len);
+            fuzz::report("name \"%.*s\": matcher %d id %u end %u len %d, brute force %d id %u end %u len %d\n",
+                         static_cast<int>(text.size()), text.data(), got.any, got.id, got.end, got.len,
+                         want.any, want.id, want.end, want.len);
             fuzz::fail("matcher and brute force disagree", text);
         }
     }

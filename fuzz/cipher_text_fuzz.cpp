@@ -116,8 +116,7 @@ void check_decrypt_any(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     crypto_init();
     if (!the_pair()) fuzz::fail("no cipher pair");
     return 0;

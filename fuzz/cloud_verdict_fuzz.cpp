@@ -54,8 +54,7 @@ size_t make_keys_known(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     db_set_clock(fuzz_clock);
     // The cleaner thread itself waits for an hour; passes run on this thread.
     db_set_clean_interval(std::chrono::hours(1));

@@ -1,6 +1,9 @@
 // Shared by the fuzz targets (each target is one translation unit, so
-// everything here is inline).
+// everything here is inline). Every target's LLVMFuzzerInitialize calls
+// setup() first.
 //
+// - Findings go to a copy of standard error taken at start-up, so they still
+//   show when the service's own chatter is silenced (-close_fd_mask=3).
 // - A command runner that runs nothing: every line the service would hand
 //   to the shell is checked instead, and anything but a well-formed kernel
 //   control line with shell-safe quoted text stops the run.
@@ -15,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -29,18 +33,38 @@
 
 namespace fuzz {
 
+inline FILE* report_stream() {
+    static FILE* stream = [] {
+        const int fd = dup(2);
+        FILE* f = fd >= 0 ? fdopen(fd, "w") : nullptr;
+        if (!f) return stderr;
+        setvbuf(f, nullptr, _IONBF, 0);
+        return f;
+    }();
+    return stream;
+}
+
+inline void report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+inline void report(const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    vfprintf(report_stream(), fmt, ap);
+    va_end(ap);
+}
+
 [[noreturn]] inline void fail(const char* what, std::string_view detail = {}) {
-    fprintf(stderr, "fuzz check failed: %s", what);
+    FILE* out = report_stream();
+    fprintf(out, "fuzz check failed: %s", what);
     if (!detail.empty()) {
-        fputs(": ", stderr);
+        fputs(": ", out);
         for (unsigned char c : detail) {
             if (c >= 0x20 && c < 0x7f)
-                fputc(c, stderr);
+                fputc(c, out);
             else
-                fprintf(stderr, "\\x%02x", c);
+                fprintf(out, "\\x%02x", c);
         }
     }
-    fputc('\n', stderr);
+    fputc('\n', out);
     abort();
 }
 
@@ -132,6 +156,15 @@ inline void log_to_null() {
         unlink(keep_file.c_str());
         rmdir(keep_dir.c_str());
     });
+}
+
+// ---- set-up ----
+
+// The report channel, the checking runner and the log, for every target.
+inline void setup() {
+    report_stream();
+    install_checking_runner();
+    log_to_null();
 }
 
 // ---- scratch file ----

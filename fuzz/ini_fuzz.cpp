@@ -93,8 +93,7 @@ void check_edit(ini_t* ini) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     if (!sink()) fuzz::fail("no /dev/null");
     return 0;
 }

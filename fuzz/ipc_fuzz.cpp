@@ -95,8 +95,7 @@ void check_after(const ipc_request& req, const ipc_reply& reply) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     make_rule_dir();
     db_init();
     atexit([] {

@@ -32,8 +32,7 @@ void check_login_reply(const zor_login_reply& r) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     crypto_init();
     return 0;
 }

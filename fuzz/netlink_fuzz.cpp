@@ -111,8 +111,7 @@ bool has(const std::string& line, std::string_view verb) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     db_set_clock(fuzz_clock);
     db_set_clean_interval(std::chrono::hours(1));
     db_init();

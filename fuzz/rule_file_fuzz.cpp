@@ -47,8 +47,7 @@ bool starts_with(const std::string& s, std::string_view head) { return s.compare
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    fuzz::install_checking_runner();
-    fuzz::log_to_null();
+    fuzz::setup();
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     tzset();
     pctrl_set_clock([] { return kNow; });
