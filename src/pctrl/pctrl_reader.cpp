@@ -225,8 +225,18 @@ rule_times check_schedule(const char* id, const cJSON* rule, const struct tm& to
     }
 }
 
+// The rule keeps the text cut to its field, and that is what the kernel
+// gets: it must pass as well. (A long text can pass the rule on a MAC near
+// its end while the cut leaves only what came before.)
+bool stored_mac_valid(const char* text) {
+    char field[sizeof pctrl_rule::mac];
+    snprintf(field, sizeof field, "%s", text);
+    return pctrl_mac_valid(field) != 0;
+}
+
 bool check_mac(const cJSON* mac) {
-    if (cJSON_IsString(mac) && mac->valuestring[0] != '\0' && pctrl_mac_valid(mac->valuestring))
+    if (cJSON_IsString(mac) && mac->valuestring[0] != '\0' && pctrl_mac_valid(mac->valuestring) &&
+        stored_mac_valid(mac->valuestring))
         return true;
     LOG_D("The MAC is invalid");
     if (cJSON_IsString(mac)) LOG_D("MAC = %s", mac->valuestring);
