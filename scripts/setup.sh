@@ -10,6 +10,11 @@ PACKAGES=(
   clang-14 libclang-rt-14-dev valgrind
   iproute2 util-linux procps kmod openssl
 )
+# A comparator for the category-file benchmark only; Debian builds it for
+# amd64 alone.
+if [ "$(dpkg --print-architecture)" = amd64 ]; then
+  PACKAGES+=(libhyperscan-dev)
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

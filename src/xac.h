@@ -38,7 +38,7 @@ struct xac_scanner {
     xac_match_fn handler = nullptr;
     void* arg = nullptr;
     bool streaming = false;  // keep the state and pending records between calls
-    xac_accept rule = xac_accept::anything;
+    xac_accept rule = xac_accept::anything;  // set by the lookups after init
     uint32_t pending_count = 0;
     xac_pending pending[XAC_MAX_PENDING];  // entries below pending_count are live
 };
