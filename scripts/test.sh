@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test: the suite in a normal build, then again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, then the multi-threaded tests
-# (CTest label "mt", build target mt_tests) under ThreadSanitizer. Fails on
-# any failing test or sanitizer report.
+# (CTest label "mt", build target mt_tests) under ThreadSanitizer, then a
+# bounded run of every fuzz target (scripts/fuzz.sh). Fails on any failing
+# test, sanitizer report or fuzzing finding.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -45,6 +46,11 @@ run_tsan() {
 run_suite normal build
 run_suite "asan+ubsan" build-asan -DZOR_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug
 run_tsan
+
+echo "== fuzz (bounded)"
+if ! bash scripts/fuzz.sh; then
+  status=1
+fi
 
 if [ $status -ne 0 ]; then
   echo "test.sh: FAILED"
