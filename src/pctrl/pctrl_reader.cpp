@@ -33,6 +33,7 @@ using text_ptr = std::unique_ptr<char, free_deleter>;
 
 std::mutex clock_lock;
 std::function<time_t()> clock_fn;  // covered by clock_lock; empty means time()
+std::mutex mktime_lock;            // held around every pctrl_mktime
 
 enum class read_status { ok, empty, too_large };
 
@@ -100,7 +101,7 @@ int scan_hour_minute(const char* text, struct tm* tm) {
     return n;
 }
 
-time_t to_epoch(struct tm tm) { return mktime(&tm); }
+time_t to_epoch(struct tm tm) { return pctrl_mktime(&tm); }
 
 // The low 32 bits of an epoch value, as the rule record keeps it.
 int32_t epoch32(time_t t) { return static_cast<int32_t>(static_cast<uint32_t>(t)); }
@@ -307,6 +308,11 @@ time_t pctrl_now() {
         fn = clock_fn;
     }
     return fn ? fn() : time(nullptr);
+}
+
+time_t pctrl_mktime(struct tm* tm) {
+    std::lock_guard<std::mutex> g(mktime_lock);
+    return mktime(tm);
 }
 
 int pctrl_mac_valid(const char* text) {
