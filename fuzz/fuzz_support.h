@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -139,23 +140,27 @@ inline void install_checking_runner() {
 // ---- log ----
 
 // Logging at the debug level into a log file that is a link to /dev/null:
-// every message is formatted as in the product, nothing is kept.
+// every message is formatted as in the product, nothing is kept. The log
+// reopens its path for every line, so the link stays: one directory per
+// user, reused by every run (a crashed run leaves nothing new behind).
 inline void log_to_null() {
-    char dir[] = "/tmp/zor-fuzz-log-XXXXXX";
-    if (!mkdtemp(dir)) fail("no scratch directory for the log");
-    const std::string file = std::string(dir) + "/fuzz.log";
-    if (symlink("/dev/null", file.c_str()) != 0) fail("no log link", file);
-    log_init(dir, "fuzz");
+    const std::string dir = "/tmp/zor-fuzz-log-" + std::to_string(getuid());
+    mkdir(dir.c_str(), 0700);
+    struct stat st {};
+    if (lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != getuid())
+        fail("log directory is not a directory of this user", dir);
+    const std::string file = dir + "/fuzz.log";
+    char target[16] = {};
+    if (readlink(file.c_str(), target, sizeof target - 1) < 0 || strcmp(target, "/dev/null") != 0) {
+        // Only something else is removed: a run starting beside this one may
+        // just have made the link.
+        struct stat other {};
+        if (lstat(file.c_str(), &other) == 0) unlink(file.c_str());
+        if (symlink("/dev/null", file.c_str()) != 0 && errno != EEXIST) fail("no log link", file);
+    }
+    log_init(dir.c_str(), "fuzz");
     log_set_level(7);
-    // The link and directory go now; the log reopens its path for every
-    // line, so it would create a real file: keep the link until exit.
-    static const std::string keep_dir = dir;
-    static const std::string keep_file = file;
-    atexit([] {
-        log_free();
-        unlink(keep_file.c_str());
-        rmdir(keep_dir.c_str());
-    });
+    atexit(log_free);
 }
 
 // ---- set-up ----
