@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Runs every test: the suite in a normal build, then again under
-# AddressSanitizer + UndefinedBehaviorSanitizer. Fails on any failing test
-# or sanitizer report.
+# AddressSanitizer + UndefinedBehaviorSanitizer, then the multi-threaded tests
+# (CTest label "mt", build target mt_tests) under ThreadSanitizer, then a
+# bounded run of every fuzz target (scripts/fuzz.sh). Fails on any failing
+# test, sanitizer report or fuzzing finding.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
@@ -20,8 +22,35 @@ run_suite() {
   fi
 }
 
+# Every ThreadSanitizer report, from a test or from a program it started (the
+# service, its tools), goes to a file here; any file fails the stage.
+run_tsan() {
+  local dir=build-tsan
+  local reports="$PWD/$dir/tsan-reports"
+  echo "== tsan build (multi-threaded tests only)"
+  ZOR_TARGET=mt_tests bash scripts/build.sh "$dir" -DZOR_SANITIZE=thread
+  rm -rf "$reports"
+  mkdir -p "$reports"
+  echo "== tsan tests"
+  if ! TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:log_path=$reports/report" \
+      ctest --test-dir "$dir" -L mt --output-on-failure -j 2 --timeout 600; then
+    status=1
+  fi
+  if compgen -G "$reports/report*" >/dev/null; then
+    echo "== tsan reports"
+    cat "$reports"/report*
+    status=1
+  fi
+}
+
 run_suite normal build
 run_suite "asan+ubsan" build-asan -DZOR_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug
+run_tsan
+
+echo "== fuzz (bounded)"
+if ! bash scripts/fuzz.sh; then
+  status=1
+fi
 
 if [ $status -ne 0 ]; then
   echo "test.sh: FAILED"

@@ -1,5 +1,7 @@
 #include "log.h"
 
+#include "util/dir_chain.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -133,24 +135,6 @@ void write_line(uint32_t level, const char* file, int line, const char* fmt, va_
     }
 }
 
-// Creates `dir` and its missing parents: the parents 0700, the last 0755.
-// Failures show up later, when the file cannot be opened.
-void make_dirs(const char* dir) {
-    struct stat st;
-    if (stat(dir, &st) == 0) return;
-    char path[256];
-    snprintf(path, sizeof path, "%.255s", dir);
-    size_t len = strlen(path);
-    if (len > 0 && path[len - 1] == '/') path[--len] = '\0';
-    for (size_t i = 1; i < len; ++i) {
-        if (path[i] != '/') continue;
-        path[i] = '\0';
-        mkdir(path, 0700);
-        path[i] = '/';
-    }
-    mkdir(path, 0755);
-}
-
 // Moves the file aside to "<path>.bk" once it holds more than kMaxSize
 // bytes; only one backup is kept.
 void rotate_if_full() {
@@ -219,7 +203,7 @@ void log_init(const char* dir, const char* name) {
     std::lock_guard<std::mutex> life(state.lifecycle);
     release_locked();
     if (!dir || !name) return;
-    make_dirs(dir);
+    dir_make_chain(dir);
     std::unique_ptr<log_context> ctx(new (std::nothrow) log_context);
     if (!ctx) return;
     snprintf(ctx->dir, sizeof ctx->dir, "%.*s", static_cast<int>(kNameMax), dir);

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +33,10 @@ namespace {
 
 constexpr timespec kWaitPeriod = {1, 0};
 
-volatile sig_atomic_t stop_signal = 0;
+// Set by the signal handler, read by the wait loop: a lock-free atomic, the
+// one kind of shared word a handler may store to.
+std::atomic<int> stop_signal{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 
 struct entry_options {
     const char* ini = nullptr;      // -i
@@ -41,7 +45,7 @@ struct entry_options {
 };
 
 void signal_handler(int signo) {
-    if (signo == SIGTERM || signo == SIGKILL || signo == SIGINT) stop_signal = signo;
+    if (signo == SIGTERM || signo == SIGKILL || signo == SIGINT) stop_signal.store(signo);
 }
 
 void install_signal_handlers() {
@@ -142,8 +146,8 @@ void log_start_lines() {
 
 [[noreturn]] void wait_loop(const sigset_t& wait_mask) {
     for (;;) {
-        if (!stop_signal) ppoll(nullptr, 0, &kWaitPeriod, &wait_mask);
-        if (stop_signal) service_shutdown(0);
+        if (stop_signal.load() == 0) ppoll(nullptr, 0, &kWaitPeriod, &wait_mask);
+        if (stop_signal.load() != 0) service_shutdown(0);
         if (qmxsrv_ctx.running == 0) service_shutdown(0);
         if (qmxsrv_ctx.auth_invalid != 0) {
             kmod_unload_modules();

@@ -21,6 +21,7 @@
 
 #include "log.h"
 #include "util/cmd_runner.h"
+#include "util/unique_fd.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -33,26 +34,6 @@ constexpr size_t kEventOffset = 24;                         // nl_event record
 constexpr size_t kEventHeader = kEventOffset + sizeof(nl_event);  // 36: start of data
 constexpr auto kRetryUnknown = std::chrono::seconds(1);
 constexpr auto kRetryKnown = std::chrono::seconds(5);
-
-// Owns one file descriptor.
-class unique_fd {
-public:
-    unique_fd() = default;
-    explicit unique_fd(int fd) : fd_(fd) {}
-    unique_fd(const unique_fd&) = delete;
-    unique_fd& operator=(const unique_fd&) = delete;
-    ~unique_fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int get() const { return fd_; }
-    void reset(int fd) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 uint16_t rd16(const uint8_t* p) {
     uint16_t v;

@@ -18,6 +18,7 @@
 #include "log.h"
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
+#include "util/cmd_runner.h"
 
 namespace {
 
@@ -122,10 +123,8 @@ int with_retries(const zor_session& s, Fn&& request) {
 
 // ---- login ----------------------------------------------------------------
 
-enum class login_result { reply, failed, refused };
-
 // Posts the login form and judges the reply; on success *body holds it.
-login_result post_login(zor_session& s, std::string* body) {
+zor_login_verdict post_login(zor_session& s, std::string* body) {
     LOG_D("Auth: %s?id=%s&password=%s&product=%s&host=%s", s.login_url.c_str(), s.id.c_str(),
           s.password.c_str(), s.product.c_str(), s.host.c_str());
     const http_form_field form[] = {{"id", s.id.c_str()},
@@ -137,58 +136,44 @@ login_result post_login(zor_session& s, std::string* body) {
     int rc = with_retries(s, [&] { return curl_post_form(s.login_url.c_str(), form, resp, stopping); });
     if (rc != CURLE_OK) {
         LOG_E("Auth: curl=%d, %s", rc, curl_easy_strerror(static_cast<CURLcode>(rc)));
-        return login_result::failed;
+        return zor_login_verdict::failed;
     }
     if (!resp) {
         LOG_E("Auth: no response");
-        return login_result::failed;
+        return zor_login_verdict::failed;
     }
-    if (resp->status == 200) {
-        LOG_D("HTTP Status: %ld, %s", resp->status, resp->body);
-        body->assign(resp->body, resp->size);
-        return login_result::reply;
+    const zor_login_verdict v = zor_judge_login(resp->status, resp->body);
+    switch (v) {
+        case zor_login_verdict::reply:
+            LOG_D("HTTP Status: %ld, %s", resp->status, resp->body);
+            body->assign(resp->body, resp->size);
+            break;
+        case zor_login_verdict::failed:
+            LOG_E("HTTP Status: %ld, %s", resp->status, resp->body);
+            break;
+        case zor_login_verdict::refused:
+            // The second account text has no configuration key: printed empty.
+            LOG_E("Authentication invalid: %s/%s, %s", s.id.c_str(), "", resp->body);
+            break;
     }
-    if (response_error_code(resp->body) < 1) {
-        LOG_E("HTTP Status: %ld, %s", resp->status, resp->body);
-        return login_result::failed;
-    }
-    // The second account text has no configuration key: printed empty.
-    LOG_E("Authentication invalid: %s/%s, %s", s.id.c_str(), "", resp->body);
-    return login_result::refused;
+    return v;
 }
 
 // Builds the login record from a 200 reply; null when the reply lacks a
 // usable token, key, lifetime or server list, or the cipher cannot be made.
 std::shared_ptr<zor_auth> make_auth(const std::string& body) {
-    json_ptr root(cJSON_Parse(body.c_str()));
-    if (!cJSON_IsObject(root.get())) return nullptr;
-    const cJSON* token = cJSON_GetObjectItemCaseSensitive(root.get(), "token");
-    const cJSON* ttl = cJSON_GetObjectItemCaseSensitive(root.get(), "token_ttl");
-    const cJSON* key = cJSON_GetObjectItemCaseSensitive(root.get(), "key");
-    const cJSON* servers = cJSON_GetObjectItemCaseSensitive(root.get(), "servers");
-    if (!cJSON_IsString(token) || !cJSON_IsString(key) || !cJSON_IsNumber(ttl) ||
-        !cJSON_IsArray(servers) || cJSON_GetArraySize(servers) < 1)
-        return nullptr;
-    double ttl_value = ttl->valuedouble;
-    if (!(ttl_value >= 1)) return nullptr;
-
+    std::optional<zor_login_reply> reply = zor_parse_login(body.c_str());
+    if (!reply) return nullptr;
     auto a = std::make_shared<zor_auth>();
-    a->ttl = static_cast<long>(ttl_value < static_cast<double>(kMaxTtl) ? ttl_value : kMaxTtl);
+    a->ttl = reply->ttl;
     a->start_time = now_seconds();
     a->exp_time = a->start_time + a->ttl;
-    a->key = key->valuestring;
+    a->key = std::move(reply->key);
     a->cipher.reset(cipher_new(reinterpret_cast<const unsigned char*>(a->key.data()),
                                static_cast<int>(a->key.size()), ZOR_CIPHER_SALT, ZOR_CIPHER_COUNT));
     if (!a->cipher) return nullptr;
-    a->bearer = std::string("Bearer ") + token->valuestring;
-    const cJSON* item = nullptr;
-    cJSON_ArrayForEach(item, servers) {
-        if (a->servers.size() == kMaxServers) break;
-        if (cJSON_IsString(item))
-            a->servers.emplace_back(item->valuestring);
-        else
-            a->servers.emplace_back(std::nullopt);
-    }
+    a->bearer = "Bearer " + reply->token;
+    a->servers = std::move(reply->servers);
 
     LOG_D("token: %s", a->bearer.c_str());
     LOG_D("token_ttl: %ld", a->ttl);
@@ -276,9 +261,9 @@ void retire(zor_session& s) {
 // Logs in and pings; returns false when the account was refused.
 bool login_round(zor_session& s) {
     std::string body;
-    login_result r = post_login(s, &body);
-    if (r == login_result::refused) return false;
-    if (r == login_result::failed || s.stop) return true;
+    zor_login_verdict r = post_login(s, &body);
+    if (r == zor_login_verdict::refused) return false;
+    if (r == zor_login_verdict::failed || s.stop) return true;
     std::shared_ptr<zor_auth> a = make_auth(body);
     if (!a) {
         LOG_E("Auth: login reply without a usable token, key, token_ttl or server list");
@@ -472,6 +457,43 @@ void zor_print_account() {
     printf("Product: %s\r\n", s->product.c_str());
     printf("ID: %s\r\n", s->id.c_str());
     fflush(stdout);
+}
+
+zor_login_verdict zor_judge_login(long status, const char* body) {
+    if (status == 200) return zor_login_verdict::reply;
+    return response_error_code(body) < 1 ? zor_login_verdict::failed : zor_login_verdict::refused;
+}
+
+std::optional<zor_login_reply> zor_parse_login(const char* body) {
+    if (!body) return std::nullopt;
+    json_ptr root(cJSON_Parse(body));
+    if (!cJSON_IsObject(root.get())) return std::nullopt;
+    const cJSON* token = cJSON_GetObjectItemCaseSensitive(root.get(), "token");
+    const cJSON* ttl = cJSON_GetObjectItemCaseSensitive(root.get(), "token_ttl");
+    const cJSON* key = cJSON_GetObjectItemCaseSensitive(root.get(), "key");
+    const cJSON* servers = cJSON_GetObjectItemCaseSensitive(root.get(), "servers");
+    if (!cJSON_IsString(token) || !cJSON_IsString(key) || !cJSON_IsNumber(ttl) ||
+        !cJSON_IsArray(servers) || cJSON_GetArraySize(servers) < 1)
+        return std::nullopt;
+    const double ttl_value = ttl->valuedouble;
+    if (!(ttl_value >= 1)) return std::nullopt;
+    // The token becomes a header line of its own: a line break in it would
+    // let the reply add headers to every later request.
+    if (has_control_bytes(token->valuestring)) return std::nullopt;
+
+    zor_login_reply r;
+    r.token = token->valuestring;
+    r.ttl = static_cast<long>(ttl_value < static_cast<double>(kMaxTtl) ? ttl_value : kMaxTtl);
+    r.key = key->valuestring;
+    const cJSON* item = nullptr;
+    cJSON_ArrayForEach(item, servers) {
+        if (r.servers.size() == kMaxServers) break;
+        if (cJSON_IsString(item))
+            r.servers.emplace_back(item->valuestring);
+        else
+            r.servers.emplace_back(std::nullopt);
+    }
+    return r;
 }
 
 int response_error_code(const char* body) {

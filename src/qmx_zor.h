@@ -21,6 +21,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 // Starts the session and its maintainer thread. All five arguments must be
 // non-null. Returns 1 on success, 0 on failure (also while a session runs).
@@ -42,6 +43,28 @@ void zor_print_account();
 // the body is a JSON object without an "error" object; -1 for a null body,
 // a body that is not a JSON object, or an "error" without a numeric code.
 int response_error_code(const char* body);
+
+// ---- login reply --------------------------------------------------------
+
+// What a login reply means: a body to read (status 200), a failure that is
+// retried after the wait, or a refusal of the account (another status whose
+// body carries an error code of 1 or more).
+enum class zor_login_verdict { reply, failed, refused };
+zor_login_verdict zor_judge_login(long status, const char* body);
+
+// The parts of a 200 login reply that the session keeps.
+struct zor_login_reply {
+    std::string token;
+    long ttl = 0;     // seconds: token_ttl cut to a whole number, at most 0x7fffffff
+    std::string key;  // pass phrase of the payload cipher
+    std::vector<std::optional<std::string>> servers;  // 1..64 base URLs; non-strings stay empty
+};
+// Reads a 200 login reply: nullopt unless the body is a JSON object with a
+// string "token" free of control bytes, a string "key", a numeric
+// "token_ttl" of at least 1 and a non-empty "servers" array (entries past the
+// 64th are dropped).
+std::optional<zor_login_reply> zor_parse_login(const char* body);
+
 // Enciphers and posts a plain JSON query to the session's servers in turn
 // and returns the deciphered reply, or nullopt.
 std::optional<std::string> zor_query(const char* text);

@@ -37,10 +37,19 @@ int run_line(const bounded_line& line) {
     return cmd_run(line.text);
 }
 
+// A backslash reaches echo unchanged inside the double quotes, and some
+// shells' echo reads "\n" or "\c" there: the kernel would get another text,
+// or a second command line. Such texts are never sent, like control bytes.
+bool has_echo_escape(std::string_view text) { return text.find('\\') != std::string_view::npos; }
+
 bool key_is_safe(const char* what, const char* key) {
     if (key == nullptr) return false;
     if (has_control_bytes(key)) {
         LOG_D("%s: key with control bytes dropped", what);
+        return false;
+    }
+    if (has_echo_escape(key)) {
+        LOG_D("%s: key with a backslash dropped", what);
         return false;
     }
     return true;
@@ -78,6 +87,7 @@ std::optional<std::string> zor_ctrl_pc_add_line(int kind, const char* mac, const
                                                 unsigned long from, unsigned long to) {
     if (mac == nullptr || content == nullptr) return std::nullopt;
     if (has_control_bytes(mac) || has_control_bytes(content)) return std::nullopt;
+    if (has_echo_escape(mac) || has_echo_escape(content)) return std::nullopt;
     bounded_line line = bounded<kPcAddLineSize>(
         "[ -f /proc/zor/ctrl ] && echo \"pc rule add %d %s %s %lu %lu\" > /proc/zor/ctrl", kind,
         shell_escape_dq(mac).c_str(), shell_escape_dq(content).c_str(), from, to);

@@ -156,14 +156,14 @@ TEST(Ini, LookupSplitsSectionAndKeyAtFirstColon) {
     ASSERT_TRUE(f.ini);
     const ini_t* ini = f.ini.get();
     struct {
-        const char* spec;
+        const char* query;
         const char* value;
     } strings[] = {
         {"zor:id", "z"}, {":top", "t"},      {"s:a:b", "colon"}, {"zor", "def"},
         {"zor:", "def"}, {"none:id", "def"}, {"id", "def"},      {nullptr, "def"},
     };
     for (const auto& c : strings) {
-        EXPECT_STREQ(ini_lookup_string(ini, c.spec, "def"), c.value) << (c.spec ? c.spec : "(null)");
+        EXPECT_STREQ(ini_lookup_string(ini, c.query, "def"), c.value) << (c.query ? c.query : "(null)");
     }
     EXPECT_EQ(ini_lookup_int(ini, "zor:n", -1), 31);
     EXPECT_EQ(ini_lookup_int(ini, ":n", -1), 7);

@@ -127,6 +127,20 @@ TEST_F(PctrlReader, LongMacThatPassesIsCutToTheField) {
     EXPECT_EQ(r[0].mac, mac.substr(0, 31));
 }
 
+// The MAC rule lets text before a MAC pass; cut to the field, only that text
+// would be left, and the kernel would get it as the rule's MAC.
+TEST_F(PctrlReader, LongMacIsDroppedWhenItsCutTextFails) {
+    pin(utc(2024, 1, 1, 12));
+    const std::string tail = "a$:bb:cc:dd:ee:f:ff";
+    const std::string mac = std::string(40, 'z') + tail;
+    ASSERT_EQ(pctrl_mac_valid(mac.c_str()), 1);
+    ASSERT_EQ(read(R"({"1": {"mac": ")" + mac + R"(", "cn": "1"}, "2": {"mac": ")" + tail + R"(", "cn": "2"}})"), 0);
+    auto r = rules();
+    ASSERT_EQ(r.size(), 1u);
+    EXPECT_EQ(r[0].id, 2);
+    EXPECT_EQ(r[0].mac, tail);
+}
+
 struct bad_rule_case {
     const char* name;
     const char* key;

@@ -114,14 +114,17 @@ TEST_F(PctrlScheduler, ApplyCleansThenAddsEachRuleInFileOrder) {
 
 TEST_F(PctrlScheduler, RuleTextsAreEscapedAndUnsendableRulesAreSkipped) {
     cmd_recorder rec;
-    set_rules(R"({"1": {"mac": "aabbccddeeff", "dn": "a\"b$(reboot)`x`\\c"},
+    // A backslash would reach echo, which in some shells reads "\c" as "stop
+    // here": the kernel would get the rule cut short.
+    set_rules(R"({"1": {"mac": "aabbccddeeff", "dn": "a\"b$(reboot)`x`"},
                  "2": {"mac": "aabbccddeeff", "dn": "bad\u0001name"},
                  "3": {"mac": "aabbccddeeff", "dn": ")" + std::string(380, 'd') + R"("},
-                 "4": {"mac": "aabbccddeeff", "cn": "5"}})");
+                 "4": {"mac": "aabbccddeeff", "cn": "5"},
+                 "5": {"mac": "aabbccddeeff", "dn": "cut\\c.example"}})");
     pctrl_apply_rules();
     std::vector<std::string> want = {
         kClean,
-        add_line(R"(2 aabbccddeeff a\"b\$(reboot)\`x\`\\c 0 0)"),
+        add_line(R"(2 aabbccddeeff a\"b\$(reboot)\`x\` 0 0)"),
         add_line("1 aabbccddeeff 5 0 0"),
     };
     EXPECT_EQ(rec.lines(), want);
@@ -246,6 +249,38 @@ TEST_F(PctrlScheduler, ConcurrentAppliesDoNotInterleave) {
         EXPECT_EQ(lines[i], kClean) << i;
         EXPECT_EQ(lines[i + 1], add_line("1 aabbccddeeff 1 0 0")) << i;
         EXPECT_EQ(lines[i + 2], add_line("1 aabbccddeeff 2 0 0")) << i;
+    }
+}
+
+// The scheduler re-applies every test second just before midnight while the
+// command thread applies too: the two never interleave their commands, and
+// their time conversions (the zone read from the system, as on a router
+// without TZ) stay ordered.
+TEST_F(PctrlScheduler, SchedulerAndCommandAppliesDoNotInterleave) {
+    unsetenv("TZ");
+    tzset();
+    cmd_recorder rec;
+    set_rules(R"({"1": {"mac": "aabbccddeeff", "cn": "1",
+                       "schedule": {"type": 1, "from": "0:00", "to": "23:59", "weekly": [0,1,2,3,4,5,6]}},
+                 "2": {"mac": "aabbccddeeff", "dn": "games.example"}})");
+    const time_t midnight = pctrl_next_midnight(utc(2024, 1, 6, 12));
+    fake_now = midnight - 1;
+    pctrl_sched_set_second(1ms);
+    pctrl_sched_start();
+    for (int i = 0; i < 20; ++i) pctrl_apply_rules();
+    ASSERT_TRUE(rec.wait_for("pc rule clean", 25));  // the scheduler's applies too
+    pctrl_sched_stop();
+    auto lines = rec.lines();
+    ASSERT_GE(lines.size(), 76u);
+    ASSERT_EQ(lines.back(), kClean);  // the stop's
+    lines.pop_back();
+    ASSERT_EQ(lines.size() % 3, 0u);
+    const std::string first = add_line("1 aabbccddeeff 1 " + std::to_string(midnight - 86400) + " " +
+                                       std::to_string(midnight - 60));
+    for (size_t i = 0; i < lines.size(); i += 3) {
+        EXPECT_EQ(lines[i], kClean) << i;
+        EXPECT_EQ(lines[i + 1], first) << i;
+        EXPECT_EQ(lines[i + 2], add_line("2 aabbccddeeff games.example 0 0")) << i;
     }
 }
 

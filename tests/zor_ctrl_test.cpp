@@ -107,8 +107,21 @@ TEST(ZorCtrl, HostileKeysReachTheControlFileLiterally) {
         EXPECT_FALSE(zor_test::file_exists(marker)) << key;
     }
     // Rule adds escape both texts the same way.
-    EXPECT_EQ(zor_ctrl_pc_add_line(1, "m\"$", "`c`\\", 1, 2),
-              line_of("pc rule add 1 m\\\"\\$ \\`c\\`\\\\ 1 2"));
+    EXPECT_EQ(zor_ctrl_pc_add_line(1, "m\"$", "`c`", 1, 2), line_of("pc rule add 1 m\\\"\\$ \\`c\\` 1 2"));
+}
+
+// A backslash passes the double quotes unchanged, and the echo of some shells
+// reads it: "\n" would start a second control line written by the key's
+// sender, "\c" would cut the line short. Such texts never reach a line.
+TEST(ZorCtrl, KeysWithBackslashesAreDropped) {
+    for (const std::string key : {"evil\\npc rule clean", "cut\\c.example", "\\0101", "two\\\\x", "tail\\"}) {
+        cmd_recorder rec;
+        EXPECT_EQ(zor_notify_u2k(20, key.c_str()), -1) << key;
+        EXPECT_EQ(zor_notify_db_group(1, 20, key.c_str(), 60, 1, 1), -1) << key;
+        EXPECT_TRUE(rec.lines().empty()) << key;
+        EXPECT_FALSE(zor_ctrl_pc_add_line(1, key.c_str(), "ok", 1, 2).has_value()) << key;
+        EXPECT_FALSE(zor_ctrl_pc_add_line(1, "00:11:22:33:44:55", key.c_str(), 1, 2).has_value()) << key;
+    }
 }
 
 TEST(ZorCtrl, KeysWithControlBytesAreDropped) {

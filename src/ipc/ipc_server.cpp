@@ -28,33 +28,9 @@
 #include "qmx_db.h"
 #include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
+#include "util/unique_fd.h"
 
 namespace {
-
-// Owns one descriptor.
-class unique_fd {
-public:
-    unique_fd() = default;
-    explicit unique_fd(int fd) : fd_(fd) {}
-    unique_fd(const unique_fd&) = delete;
-    unique_fd& operator=(const unique_fd&) = delete;
-    ~unique_fd() { reset(); }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) close(fd_);
-        fd_ = fd;
-    }
-    // Hands the descriptor over without closing it.
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 struct json_deleter {
     void operator()(cJSON* j) const { cJSON_Delete(j); }
@@ -215,7 +191,9 @@ void show_db(ipc_reply& reply) {
     reply.result = 0;
 }
 
-void dispatch(ipc_request& req, ipc_reply& reply) {
+}  // namespace
+
+void ipc_dispatch(ipc_request& req, ipc_reply& reply) {
     // Every text argument ends inside the record, whatever the client sent.
     req.buf[sizeof req.buf - 1] = '\0';
     switch (req.cmd) {
@@ -272,6 +250,8 @@ void dispatch(ipc_request& req, ipc_reply& reply) {
     }
 }
 
+namespace {
+
 // --- the command thread ---------------------------------------------------
 
 // Serves one connection. Returns false when stop was asked meanwhile.
@@ -297,7 +277,7 @@ bool serve(int conn, int stop, ipc_reply& reply) {
     if (n == 0) return true;  // the client went away without a request
     ipc_request req;
     memcpy(&req, area, sizeof req);
-    dispatch(req, reply);
+    ipc_dispatch(req, reply);
     // A client that stopped reading must not hold the thread.
     (void)send(conn, &reply, sizeof reply, MSG_NOSIGNAL | MSG_DONTWAIT);
     return true;

@@ -47,6 +47,12 @@ static_assert(sizeof(ipc_reply) == 260, "wire size of a reply");
 // it drops the connection, so that a silent client cannot hold the channel.
 inline constexpr int IPC_REQUEST_TIMEOUT_MS = 5000;
 
+// Carries out one request as the command thread does, writing `reply` only
+// where the command writes it (the caller keeps the record between requests
+// as the thread does). Forces the last byte of req.buf to zero first. Runs
+// on the command thread; tests and fuzzing call it directly.
+void ipc_dispatch(ipc_request& req, ipc_reply& reply);
+
 // Removes a file left at ipc_socket, binds, listens and starts the command
 // thread; a running server is stopped first. 1 when the socket listens and
 // the thread runs, 0 otherwise (not configured, a path of 108 bytes or more,

@@ -36,6 +36,7 @@ using text_ptr = std::unique_ptr<char, free_deleter>;
 
 std::mutex clock_lock;
 std::function<time_t()> clock_fn;  // covered by clock_lock; empty means time()
+std::mutex mktime_lock;            // held around every pctrl_mktime
 
 enum class read_status { ok, empty, too_large };
 
@@ -103,7 +104,7 @@ int scan_hour_minute(const char* text, struct tm* tm) {
     return n;
 }
 
-time_t to_epoch(struct tm tm) { return mktime(&tm); }
+time_t to_epoch(struct tm tm) { return pctrl_mktime(&tm); }
 
 // The low 32 bits of an epoch value, as the rule record keeps it.
 int32_t epoch32(time_t t) { return static_cast<int32_t>(static_cast<uint32_t>(t)); }
@@ -228,8 +229,18 @@ rule_times check_schedule(const char* id, const cJSON* rule, const struct tm& to
     }
 }
 
+// The rule keeps the text cut to its field, and that is what the kernel
+// gets: it must pass as well. (A long text can pass the rule on a MAC near
+// its end while the cut leaves only what came before.)
+bool stored_mac_valid(const char* text) {
+    char field[sizeof pctrl_rule::mac];
+    snprintf(field, sizeof field, "%s", text);
+    return pctrl_mac_valid(field) != 0;
+}
+
 bool check_mac(const cJSON* mac) {
-    if (cJSON_IsString(mac) && mac->valuestring[0] != '\0' && pctrl_mac_valid(mac->valuestring))
+    if (cJSON_IsString(mac) && mac->valuestring[0] != '\0' && pctrl_mac_valid(mac->valuestring) &&
+        stored_mac_valid(mac->valuestring))
         return true;
     LOG_D("The MAC is invalid");
     if (cJSON_IsString(mac)) LOG_D("MAC = %s", mac->valuestring);
@@ -300,6 +311,11 @@ time_t pctrl_now() {
         fn = clock_fn;
     }
     return fn ? fn() : time(nullptr);
+}
+
+time_t pctrl_mktime(struct tm* tm) {
+    std::lock_guard<std::mutex> g(mktime_lock);
+    return mktime(tm);
 }
 
 int pctrl_mac_valid(const char* text) {

@@ -71,3 +71,9 @@ int pctrl_mac_valid(const char* text);
 // reader and the scheduler use it. An empty function restores time().
 void pctrl_set_clock(std::function<time_t()> now);
 time_t pctrl_now();
+// mktime for the reader and the scheduler, which may convert at the same
+// time on the IPC and scheduler threads. The C library rebuilds its time
+// zone state (freeing and copying the zone name) on every mktime under a lock
+// of its own that thread checkers cannot see; one mutex here orders the calls
+// visibly.
+time_t pctrl_mktime(struct tm* tm);

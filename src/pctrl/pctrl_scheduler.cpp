@@ -95,7 +95,7 @@ time_t pctrl_next_midnight(time_t now) {
     tm.tm_hour = tm.tm_min = tm.tm_sec = 0;
     tm.tm_mday += 1;  // mktime carries a month or year end
     tm.tm_isdst = -1;
-    return mktime(&tm);
+    return pctrl_mktime(&tm);
 }
 
 void pctrl_sched_set_second(std::chrono::milliseconds length) {

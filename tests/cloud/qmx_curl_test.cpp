@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "sim_crypto.h"
+#include "tls_server.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ public:
         cloudsim::pkey_ptr key;
         cloudsim::x509_ptr cert;
         EXPECT_TRUE(cloudsim::make_certificate(&key, &cert));
-        svr_ = std::make_unique<httplib::SSLServer>(cert.get(), key.get());
+        svr_ = cloudsim::make_tls_server(cert.get(), key.get());
         svr_->new_task_queue = [] { return new httplib::ThreadPool(4); };
     }
     ~tls_server() { stop(); }

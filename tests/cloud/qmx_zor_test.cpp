@@ -133,6 +133,65 @@ TEST(ResponseErrorCode, ReadsOnlyANumericCodeOfAnErrorObject) {
     for (const auto& c : cases) EXPECT_EQ(response_error_code(c.body), c.want) << (c.body ? c.body : "null");
 }
 
+TEST(LoginReply, JudgedByStatusThenErrorCode) {
+    struct {
+        long status;
+        const char* body;
+        zor_login_verdict want;
+    } cases[] = {
+        {200, "not json", zor_login_verdict::reply},  // read later, refused there
+        {401, R"({"error":{"code":5}})", zor_login_verdict::refused},
+        {500, R"({"error":{"code":101}})", zor_login_verdict::refused},
+        {401, R"({"error":{"code":0}})", zor_login_verdict::failed},
+        {401, R"({"error":{"code":-3}})", zor_login_verdict::failed},
+        {403, "<html>busy</html>", zor_login_verdict::failed},
+        {401, nullptr, zor_login_verdict::failed},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(zor_judge_login(c.status, c.body), c.want) << c.status << " " << (c.body ? c.body : "null");
+}
+
+TEST(LoginReply, KeepsTokenKeyClampedLifetimeAndServers) {
+    auto r = zor_parse_login(
+        R"({"token":"abc","token_ttl":3600.9,"key":"k","servers":["https://a",7,"https://b"]})");
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->token, "abc");
+    EXPECT_EQ(r->ttl, 3600);
+    EXPECT_EQ(r->key, "k");
+    ASSERT_EQ(r->servers.size(), 3u);
+    EXPECT_EQ(r->servers[0], "https://a");
+    EXPECT_FALSE(r->servers[1].has_value());
+    EXPECT_EQ(r->servers[2], "https://b");
+
+    r = zor_parse_login(R"({"token":"t","token_ttl":1e30,"key":"","servers":["https://a"]})");
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->ttl, 0x7fffffff);
+
+    std::string many = R"({"token":"t","token_ttl":60,"key":"k","servers":[)";
+    for (int i = 0; i < 70; ++i) many += (i ? ",\"https://s" : "\"https://s") + std::to_string(i) + "\"";
+    r = zor_parse_login((many + "]}").c_str());
+    ASSERT_TRUE(r.has_value());
+    ASSERT_EQ(r->servers.size(), 64u);
+    EXPECT_EQ(r->servers[63], "https://s63");
+}
+
+TEST(LoginReply, UnusableRepliesAreRefused) {
+    const char* cases[] = {
+        nullptr,
+        "[]",
+        R"({"token_ttl":60,"key":"k","servers":["https://a"]})",
+        R"({"token":"t","token_ttl":60,"servers":["https://a"]})",
+        R"({"token":"t","token_ttl":0.5,"key":"k","servers":["https://a"]})",
+        R"({"token":"t","token_ttl":"60","key":"k","servers":["https://a"]})",
+        R"({"token":"t","token_ttl":60,"key":"k","servers":[]})",
+        R"({"token":"t","token_ttl":60,"key":"k","servers":"https://a"})",
+        // A line break in the token would add headers to every request.
+        R"({"token":"t\r\nX-Extra: 1","token_ttl":60,"key":"k","servers":["https://a"]})",
+        R"({"token":"t\u0001","token_ttl":60,"key":"k","servers":["https://a"]})",
+    };
+    for (const char* body : cases) EXPECT_FALSE(zor_parse_login(body).has_value()) << (body ? body : "null");
+}
+
 TEST(SessionApi, ArgumentsAndLifecycleWithoutAServer) {
     EXPECT_EQ(zor_init(nullptr, "p", "i", "w", "h"), 0);
     EXPECT_EQ(zor_init("s", "p", "i", "w", nullptr), 0);

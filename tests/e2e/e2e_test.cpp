@@ -221,11 +221,17 @@ TEST_F(EndToEnd, HostileKeysNeverRunAnythingButTheIntendedCommand) {
         "a.com\"; touch " + d + "/pwned1; \"",
         "$(touch " + d + "/pwned2)",
         "`touch " + d + "/pwned3`",
+    };
+    // A backslash never reaches echo: some shells' echo reads "\n" in its
+    // argument as a line break (a second control line) and "\c" as its end.
+    const std::vector<std::string> dropped = {
         "x\\\"; touch " + d + "/pwned4 #",
         "${IFS}$$'\\",
+        "evil\\npc rule clean",
     };
     std::vector<std::string> args;
     for (const std::string& k : keys) args.insert(args.end(), {"domain", k, ";"});
+    for (const std::string& k : dropped) args.insert(args.end(), {"domain", k, ";"});
     args.insert(args.end(), {"domain", std::string("ctl\x01") + "key", ";", "domain", "fence.example"});
     ASSERT_EQ(w.kernsim(args), 0);
     ASSERT_TRUE(w.wait_ctrl("db key2group u2k 20 fence.example")) << joined(w.ctrl_lines());
@@ -242,8 +248,11 @@ TEST_F(EndToEnd, HostileKeysNeverRunAnythingButTheIntendedCommand) {
     EXPECT_EQ(u2k, expected_u2k);
     for (const std::string& k : keys)
         EXPECT_TRUE(w.wait_ctrl("db key2group update 1 20 " + k + " 86400 0 0", 5s)) << k;
-    for (const std::string& l : w.ctrl_lines())
+    for (const std::string& l : w.ctrl_lines()) {
         EXPECT_EQ(l.find("ctl"), std::string::npos) << "a key with a control byte reached the kernel: " << l;
+        EXPECT_EQ(l.find('\\'), std::string::npos) << "a key with a backslash reached the kernel: " << l;
+        EXPECT_EQ(l.find("pc rule clean"), std::string::npos) << "a key wrote a control line of its own: " << l;
+    }
     for (int i = 1; i <= 4; ++i) EXPECT_FALSE(exists(d + "/pwned" + std::to_string(i))) << i;
     for (const std::string& c : w.commands()) {
         bool module_line = c.rfind("lsmod | grep -w ^", 0) == 0 ||

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "sim_crypto.h"
+#include "tls_server.h"
 
 namespace cloudsim {
 
@@ -687,7 +688,7 @@ bool simulator::start(std::string* error) {
     x509_ptr cert;
     if (!make_certificate(&key, &cert)) return fail("cannot make a certificate");
     p_->cert_pem = certificate_to_pem(cert.get());
-    p_->server = std::make_unique<httplib::SSLServer>(cert.get(), key.get());
+    p_->server = make_tls_server(cert.get(), key.get());
     if (!p_->server->is_valid()) {
         p_->server.reset();
         return fail("TLS set-up failed");

@@ -26,6 +26,7 @@
 
 #include "ini.h"
 #include "ipc/ipc_server.h"
+#include "util/unique_fd.h"
 
 namespace {
 
@@ -43,21 +44,6 @@ struct json_deleter {
     void operator()(cJSON* j) const { cJSON_Delete(j); }
 };
 using json_ptr = std::unique_ptr<cJSON, json_deleter>;
-
-// Owns one descriptor.
-class unique_fd {
-public:
-    explicit unique_fd(int fd) : fd_(fd) {}
-    unique_fd(const unique_fd&) = delete;
-    unique_fd& operator=(const unique_fd&) = delete;
-    ~unique_fd() {
-        if (fd_ >= 0) close(fd_);
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 struct options {
     std::string socket_path;
