@@ -151,16 +151,12 @@ protected:
         qmxsrv_ctx.auth_invalid = 0;
     }
 
-    // Replaces the simulator's script (on top of the test's category table).
-    void script(const std::string& lines) {
+    // Replaces the simulator's script (on top of the test's category table)
+    // or adds to it, and forgets the requests so far.
+    void script(const std::string& lines, bool replace = true) {
         std::string error;
-        ASSERT_TRUE(sim.apply("reset\ncategory example.com 3 4 24\nunknown 0 0 1\n" + lines, &error)) << error;
-        sim.clear_requests();
-    }
-    // Adds to it.
-    void more(const std::string& lines) {
-        std::string error;
-        ASSERT_TRUE(sim.apply(lines, &error)) << error;
+        ASSERT_TRUE(sim.apply((replace ? "reset\ncategory example.com 3 4 24\nunknown 0 0 1\n" : "") + lines, &error))
+            << error;
         sim.clear_requests();
     }
     int start_session(const std::string& server = {}) {
@@ -345,7 +341,7 @@ TEST_F(Session, QueriesStartAtThePingedServerAndMoveOnOnErrorsAndTimeOuts) {
     EXPECT_EQ(nodes_of("query"), (nodes{2, 0, 1, 2}));
     qmx_curl_set_timeouts(5000ms, 800ms);
     for (auto [times, then] : {std::pair{"2", nodes{2, 2, 2}}, {"3", nodes{2, 2, 2, 0}}}) {
-        more(std::string("query 2 times ") + times + " delay 3000");
+        script(std::string("query 2 times ") + times + " delay 3000", false);
         EXPECT_EQ(zor_query(kQuery), kReply) << times;
         EXPECT_EQ(nodes_of("query"), then) << times;
     }
@@ -356,7 +352,7 @@ TEST_F(Session, ReplyThatDoesNotDecipherIsNotRetried) {
     ASSERT_TRUE(eventually(zor_ready));
     for (const char* s : {"query 0 times 1 garble", "query 0 times 1 raw 200", "query 0 times 1 raw 200 !!!!"}) {
         SCOPED_TRACE(s);
-        more(s);
+        script(s, false);
         std::optional<std::string> reply = zor_query(kQuery);
         // Deciphered with the session key, a foreign text is garbage.
         cJSON* j = reply ? cJSON_ParseWithOpts(reply->c_str(), nullptr, 1) : nullptr;
@@ -377,7 +373,7 @@ TEST_F(Session, ReleaseIsPromptDuringALogin) {
 TEST_F(Session, CallerStopOrReleaseEndsAQueryInFlight) {
     ASSERT_EQ(start_session(), 1);
     ASSERT_TRUE(eventually(zor_ready));
-    more("query * delay 30000");
+    script("query * delay 30000", false);
     std::atomic<bool> stop{false};
     auto raise_soon = [&] {
         stop = false;
