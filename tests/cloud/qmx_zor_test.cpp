@@ -374,25 +374,19 @@ TEST_F(Session, CallerStopOrReleaseEndsAQueryInFlight) {
     ASSERT_EQ(start_session(), 1);
     ASSERT_TRUE(eventually(zor_ready));
     script("query * delay 30000", false);
+    // The flag form of the stop signal only wraps this predicate.
     std::atomic<bool> stop{false};
-    auto raise_soon = [&] {
-        stop = false;
-        return std::thread([&] {
-            std::this_thread::sleep_for(200ms);
-            stop = true;
-        });
-    };
-    std::thread t = raise_soon();  // a caller's stop predicate
+    std::thread t([&] {
+        std::this_thread::sleep_for(200ms);
+        stop = true;
+    });
     EXPECT_LT(timed([&] { EXPECT_FALSE(zor_query(kQuery, [&] { return stop.load(); })); }), 1500ms);
     t.join();
-    t = raise_soon();  // a caller's stop flag
-    EXPECT_LT(timed([&] { EXPECT_FALSE(zor_query(kQuery, &stop)); }), 1500ms);
-    t.join();
-    EXPECT_EQ(nodes_of("query"), (nodes{0, 0}));  // no other server was tried
+    EXPECT_EQ(nodes_of("query"), nodes{0});  // no other server was tried
 
     std::optional<std::string> reply = "unset";  // the session going away
     t = std::thread([&] { reply = zor_query(kQuery); });
-    ASSERT_TRUE(eventually([&] { return sim.count("query") == 3; }));
+    ASSERT_TRUE(eventually([&] { return sim.count("query") == 2; }));
     EXPECT_LT(timed(zor_release), 1500ms);
     t.join();
     EXPECT_FALSE(reply);
