@@ -237,6 +237,8 @@ TEST_F(Session, RefusedTokenOrReloginBringsANewToken) {
     ASSERT_TRUE(wait_after_round(2));         // and wakes the maintainer
     ASSERT_TRUE(eventually(zor_ready));
     EXPECT_EQ(zor_query(kQuery), kReply);
+    EXPECT_FALSE(zor_query(nullptr));
+    EXPECT_EQ(nodes_of("query"), (nodes{0, 0}));
     const std::string second = sim.tokens().back();
     zor_relogin();
     ASSERT_TRUE(wait_after_round(3) && zor_ready());
