@@ -18,18 +18,22 @@ namespace {
 using namespace std::chrono_literals;
 
 std::atomic<int32_t> fake_now{1'000'000};
-int32_t fake_clock() { return fake_now.load(); }
 
 // Enough passes of 200 buckets to visit all 512 from any cursor.
 void clean_everything() {
     for (int i = 0; i < 3; ++i) db_clean_pass();
 }
 
+// Adds `n` entries "<prefix><i>" of type 20 without keeping references.
+void add_many(const std::string& prefix, int n) {
+    for (int i = 0; i < n; ++i) ASSERT_NE(db_get_or_add(20, (prefix + std::to_string(i)).c_str(), 0), nullptr);
+}
+
 class Db : public ::testing::Test {
 protected:
     void SetUp() override {
         fake_now = 1'000'000;
-        db_set_clock(fake_clock);
+        db_set_clock([] { return fake_now.load(); });
         qmxsrv_ctx.db_capacity = 2000;
         restart(1h);  // passes run only when a test asks
     }
@@ -43,10 +47,6 @@ protected:
         db_set_clean_interval(clean_interval);
         ASSERT_EQ(db_init(), 0);
     }
-    // Adds `n` entries "<prefix><i>" of type 20 without keeping references.
-    static void add_many(const std::string& prefix, int n) {
-        for (int i = 0; i < n; ++i) ASSERT_NE(db_get_or_add(20, (prefix + std::to_string(i)).c_str(), 0), nullptr);
-    }
 };
 
 // One entry per (type, key). The cleaner only takes entries nobody holds;
@@ -56,19 +56,16 @@ TEST_F(Db, ReferencesKeepEntriesAndPutReleasesThem) {
     verdict_entry* held = db_get_or_add(20, "held.example", 1);
     ASSERT_NE(held, nullptr);
     EXPECT_EQ(db_get_or_add(20, "held.example", 1), held);
-    verdict_entry* other_type = db_get_or_add(21, "held.example", 0);
-    EXPECT_NE(other_type, held);
+    verdict_entry* found = db_get_or_add(21, "held.example", 0);
+    EXPECT_NE(found, held);
+    EXPECT_EQ(db_find(21, "held.example"), found);
+    for (auto [type, key] : {std::pair{20u, "held.exampl"}, {22u, "held.example"}, {20u, nullptr}})
+        EXPECT_EQ(db_find(type, key), nullptr) << type << (key ? key : "null");
     EXPECT_EQ(db_get_or_add(20, nullptr, 1), nullptr);
-    EXPECT_EQ(db_find(20, nullptr), nullptr);
-    EXPECT_EQ(db_find(20, "held.exampl"), nullptr);
-    EXPECT_EQ(db_find(22, "held.example"), nullptr);
-    verdict_entry* found = db_find(21, "held.example");
-    EXPECT_EQ(found, other_type);
     fake_now += 86401;
     clean_everything();
     EXPECT_EQ(db_count(), 2u);
-    for (verdict_entry* e : {held, held, found}) db_put(e);
-    db_put(nullptr);
+    for (verdict_entry* e : {held, held, found, static_cast<verdict_entry*>(nullptr)}) db_put(e);
     clean_everything();
     EXPECT_EQ(db_count(), 0u);
 
@@ -85,63 +82,48 @@ TEST_F(Db, ReferencesKeepEntriesAndPutReleasesThem) {
 
 // Without a verdict: once per day. With one, the decision compares the ttl
 // with verdict_time - now, so only a clock that went back further than the
-// ttl asks again.
+// ttl (3600 s here) asks again.
 TEST_F(Db, ShouldQueryStampsOncePerDayUntilAVerdictIsHeld) {
     verdict_entry* e = db_get_or_add(20, "v.example", 1);
     ASSERT_NE(e, nullptr);
-    const struct {
-        int32_t advance;
-        int expected;
-    } steps[] = {{0, 1}, {0, 0}, {86400, 0}, {1, 1}, {0, 0}, {86401, 1}, {-10, 0}};
-    for (const auto& s : steps) {
-        fake_now += s.advance;
-        EXPECT_EQ(db_should_query(e), s.expected) << "at +" << fake_now - 1'000'000;
-    }
-    EXPECT_EQ(db_flag_bit1(e), 0);
+    auto expect_steps = [&](std::initializer_list<std::pair<int32_t, int>> steps) {
+        for (auto [advance, expected] : steps) {
+            fake_now += advance;
+            EXPECT_EQ(db_should_query(e), expected) << "at +" << fake_now - 1'000'000;
+        }
+    };
+    expect_steps({{0, 1}, {0, 0}, {86400, 0}, {1, 1}, {0, 0}, {86401, 1}, {-10, 0}});
     cmd_recorder rec;
     ASSERT_EQ(db_add_reply(R"({"r":{"v.example":[20,1,0,1,2,3]}})"), 0);
-    const struct {
-        int32_t advance;
-        int expected;
-    } held[] = {{50000, 0}, {-50000 - 3600, 0}, {-1, 1}};  // exactly the ttl back, then one more
-    for (const auto& s : held) {
-        fake_now += s.advance;
-        EXPECT_EQ(db_should_query(e), s.expected) << "at +" << fake_now - 1'000'000;
-    }
+    expect_steps({{50000, 0}, {-50000 - 3600, 0}, {-1, 1}});  // exactly the ttl back, then one more
+    EXPECT_EQ(db_flag_bit1(e), 0);
     db_put(e);
 }
 
+// Return codes and the message of each rejection; "db add(type,second,third,
+// group,sub,ttl s)" is logged for each well-formed member, cached or not.
 TEST_F(Db, AddReplyReturnCodesAndMessages) {
-    const struct {
-        const char* text;
-        int rc;
-        const char* message;
-    } cases[] = {
-        {nullptr, 5, nullptr},
-        {"", 5, nullptr},
-        {"{", 3, "QMX_WRONG_JSON"},
-        {"not json", 3, "QMX_WRONG_JSON"},
-        {"[1,2]", 0, "response has no r key"},
-        {R"({"R":{}})", 0, "response has no r key"},
-        {R"({"r":1})", 0, "response is not object"},
-        {R"({"r":[]})", 0, "response is not object"},
-        {R"({"r":{}})", 0, nullptr},
+    const std::tuple<const char*, int, const char*, size_t> cases[] = {
+        {nullptr, 5, nullptr, 0},
+        {"", 5, nullptr, 0},
+        {"{", 3, "QMX_WRONG_JSON", 0},
+        {"not json", 3, "QMX_WRONG_JSON", 0},
+        {"[1,2]", 0, "response has no r key", 0},
+        {R"({"R":{}})", 0, "response has no r key", 0},
+        {R"({"r":1})", 0, "response is not object", 0},
+        {R"({"r":[]})", 0, "response is not object", 0},
+        {R"({"r":{}})", 0, nullptr, 0},
+        {R"({"r":{"n.example":[20,9,8,2,3,4],"m.example":[20,9,8,2,3]}})", 0, "db add(20,9,8,3,4,7200)", 1},
     };
     cmd_recorder rec;
-    for (const auto& c : cases) {
+    for (auto [text, rc, message, adds] : cases) {
         zor_test::log_capture log;
-        EXPECT_EQ(db_add_reply(c.text), c.rc) << (c.text ? c.text : "null");
-        EXPECT_TRUE(!c.message || log.contains(c.message)) << c.text << " " << c.message;
+        EXPECT_EQ(db_add_reply(text), rc) << (text ? text : "null");
+        std::vector<std::string> lines = log.lines();
+        std::erase_if(lines, [](const std::string& l) { return l.find("db add(") == std::string::npos; });
+        EXPECT_TRUE(!message || log.contains(message)) << text << " " << message;
+        EXPECT_EQ(lines.size(), adds) << text;
     }
-    // "db add(type,second,third,group,sub,ttl s)" for each well-formed member,
-    // cached or not; nothing for a malformed one.
-    zor_test::log_capture log;
-    db_add_reply(R"({"r":{"n.example":[20,9,8,2,3,4],"m.example":[20,9,8,2,3]}})");
-    std::vector<std::string> adds;
-    for (const std::string& l : log.lines())
-        if (l.find("db add(") != std::string::npos) adds.push_back(l);
-    ASSERT_EQ(adds.size(), 1u);
-    EXPECT_NE(adds[0].find("db add(20,9,8,3,4,7200)"), std::string::npos) << adds[0];
     EXPECT_TRUE(rec.lines().empty());
     db_release();
     EXPECT_EQ(db_add_reply(R"({"r":{}})"), 40);
@@ -150,33 +132,29 @@ TEST_F(Db, AddReplyReturnCodesAndMessages) {
 // Only keys already cached take a verdict, and only a well-formed one; each
 // stored verdict goes to the module; the flags stay as they were.
 TEST_F(Db, AddReplyFillsOnlyCachedKeysWithWellFormedVerdicts) {
-    const struct {
-        uint32_t type;
-        const char* key;
-        db_verdict v;
-    } wants[] = {
-        {20, "a.example", {7200, 3, 4}},   {20, "b.example", {0, 0, 0}},   {21, "10.0.0.1", {0, 0, 0}},
-        {21, "10.0.0.2", {3600, 5, 6}},    {20, "bad.example", {0, 0, 0}}, {20, "str.example", {0, 0, 0}},
-        {20, "neg.example", {3600, -1, 2}}, {20, "big.example", {INT32_MAX, 1, 1}},
+    const std::tuple<uint32_t, const char*, int32_t, int32_t, int32_t> wants[] = {
+        {20, "a.example", 7200, 3, 4},   {20, "b.example", 0, 0, 0},   {21, "10.0.0.1", 0, 0, 0},
+        {21, "10.0.0.2", 3600, 5, 6},    {20, "bad.example", 0, 0, 0}, {20, "str.example", 0, 0, 0},
+        {20, "neg.example", 3600, -1, 2}, {20, "big.example", INT32_MAX, 1, 1},
     };
-    for (const auto& w : wants) db_get_or_add(w.type, w.key, 0);
+    for (auto [type, key, ttl, group, sub] : wants) db_get_or_add(type, key, 0);
     cmd_recorder rec;
     EXPECT_EQ(db_add_reply(R"({"r":{"a.example":[20,1,7,2,3,4],"b.example":[20,1,7,2,3],
         "unknown.example":[20,1,7,1,1,1],"10.0.0.1":[21,65536,0,1,5,6],"10.0.0.2":[21,65535,0,1,5,6],
         "bad.example":[20,1,7,"2",3,4],"str.example":["20",1,7,2,3,4],"neg.example":[20,1,0,1,-1,2],
         "big.example":[20,0,0,1000000,1,1],"obj.example":{"x":1}}})"),
               0);
-    auto line_of = [](const std::string& text) { return "[ -f /proc/zor/ctrl ] && echo \"" + text + "\" > /proc/zor/ctrl"; };
-    EXPECT_EQ(rec.lines(), (std::vector<std::string>{line_of("db key2group update 1 20 a.example 7200 3 4"),
-                                                     line_of("db key2group update 1 21 10.0.0.2 3600 5 6"),
-                                                     line_of("db key2group update 1 20 big.example 2147483647 1 1")}));
+    std::vector<std::string> expected;
+    for (const char* t : {"1 20 a.example 7200 3 4", "1 21 10.0.0.2 3600 5 6", "1 20 big.example 2147483647 1 1"})
+        expected.push_back(std::string("[ -f /proc/zor/ctrl ] && echo \"db key2group update ") + t + "\" > /proc/zor/ctrl");
+    EXPECT_EQ(rec.lines(), expected);
     EXPECT_EQ(db_count(), std::size(wants));  // the reply never creates entries
-    for (const auto& w : wants) {
-        verdict_entry* e = db_find(w.type, w.key);
-        ASSERT_NE(e, nullptr) << w.key;
+    for (auto [type, key, ttl, group, sub] : wants) {
+        verdict_entry* e = db_find(type, key);
+        ASSERT_NE(e, nullptr) << key;
         const db_verdict v = db_entry_verdict(e);
-        EXPECT_EQ(std::tie(v.ttl, v.group, v.sub_group), std::tie(w.v.ttl, w.v.group, w.v.sub_group)) << w.key;
-        EXPECT_EQ(db_flag_bit1(e), 0) << w.key;
+        EXPECT_EQ(std::tie(v.ttl, v.group, v.sub_group), std::tie(ttl, group, sub)) << key;
+        EXPECT_EQ(db_flag_bit1(e), 0) << key;
         db_put(e);
     }
 }
@@ -185,23 +163,19 @@ TEST_F(Db, AddReplyFillsOnlyCachedKeysWithWellFormedVerdicts) {
 // (count * 100 / 2000); one second less and they stay. A single pass of 200
 // of the 512 buckets takes only part of them.
 TEST_F(Db, CleanerAgesByFillLevel) {
-    const struct {
-        int count;
-        int32_t max_idle;
-    } cases[] = {{1400, 86400}, {1420, 300}, {1600, 300}, {1620, 150}, {1800, 150}, {1820, 30}};
-    for (const auto& c : cases) {
+    for (auto [count, max_idle] : {std::pair{1400, 86400}, {1420, 300}, {1600, 300}, {1620, 150}, {1800, 150}, {1820, 30}}) {
         restart(1h);
         db_get_or_add(20, "stale.example", 0);
         fake_now += 1;
         db_get_or_add(20, "edge.example", 0);
-        fake_now += c.max_idle;  // stale idle max + 1, edge exactly max
-        add_many("fresh", c.count - 2);
+        fake_now += max_idle;  // stale idle max + 1, edge exactly max
+        add_many("fresh", count - 2);
         clean_everything();
-        EXPECT_EQ(db_count(), static_cast<uint32_t>(c.count - 1)) << c.count;
+        EXPECT_EQ(db_count(), static_cast<uint32_t>(count - 1)) << count;
         verdict_entry* edge = db_find(20, "edge.example");
-        EXPECT_NE(edge, nullptr) << c.count;
+        EXPECT_NE(edge, nullptr) << count;
         db_put(edge);
-        EXPECT_EQ(db_find(20, "stale.example"), nullptr) << c.count;
+        EXPECT_EQ(db_find(20, "stale.example"), nullptr) << count;
     }
     restart(1h);
     add_many("spread", 300);
@@ -237,9 +211,8 @@ TEST_F(Db, CleanerThreadRunsOnItsPeriodAndOnWakeAndReleaseStopsIt) {
 
 TEST_F(Db, ShowListsEveryEntry) {
     EXPECT_FALSE(db_show().has_value());
-    db_get_or_add(20, "www.example.com", 0);
-    db_get_or_add(21, "192.168.0.1", 0);
-    db_get_or_add(22, "fe80::1", 0);
+    for (auto [type, key] : {std::pair{20u, "www.example.com"}, {21u, "192.168.0.1"}, {22u, "fe80::1"}})
+        db_get_or_add(type, key, 0);
     const std::optional<std::string> listing = db_show();
     ASSERT_TRUE(listing.has_value());
     std::multiset<std::string> lines;
