@@ -1,6 +1,7 @@
 #include "qmx_server.h"
 
 #include <cjson/cJSON.h>
+#include <malloc.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -28,6 +29,7 @@ namespace {
 constexpr uint32_t kEventCap = 1025;   // queued reports; beyond it reports are dropped
 constexpr int kBatchSize = 50;         // keys per cloud query
 constexpr uint32_t kPendingCap = 4096; // keys waiting for a query
+constexpr size_t kTrimAfterReply = 64 * 1024;  // replies larger than this are given back
 constexpr uint32_t kTypeDomain = 20;
 constexpr uint32_t kTypeAddr = 21;
 constexpr uint32_t kTypeAddrAlt = 22;
@@ -63,6 +65,16 @@ struct qmx_srv {
     bool query_wake = false;  // covered by query_lock
     std::thread sender_thread;
 
+    // Reports go first to the announcer, which tells the kernel about each
+    // one ("u2k") in arrival order and then hands it to the event worker.
+    // The shell behind every command is slow; the netlink receive thread
+    // only ever queues, so it never waits for one.
+    list_t* announce_list = nullptr;  // queued_event, oldest first; locked list
+    std::mutex announce_lock;
+    std::condition_variable announce_cond;
+    bool announce_wake = false;  // covered by announce_lock
+    std::thread announce_thread;
+
     list_t* event_list = nullptr;  // queued_event, newest first; locked list
     std::mutex event_lock;
     std::condition_variable event_cond;
@@ -74,6 +86,11 @@ struct qmx_srv {
     std::thread trigger_thread;
     std::chrono::milliseconds trigger_period{10000};  // immutable after start
 
+    // Reports accepted and not yet taken by the event worker, wherever they
+    // wait: the 1025 cap applies to this count. Only the receive thread adds.
+    std::atomic<uint32_t> queued{0};
+    std::atomic<uint64_t> received{0};  // reports handed over while running
+    std::atomic<uint64_t> dropped{0};   // of them, dropped at the cap
     std::atomic<uint64_t> finished{0};
 };
 
@@ -194,9 +211,35 @@ void event_main(qmx_srv* s) {
         while (s->running.load()) {
             list_node_t* node = list_pop_front_node(s->event_list);
             if (!node) break;
+            s->queued.fetch_sub(1);
             std::unique_ptr<queued_event> ev(item_of<queued_event>(node));
             process_event(s, *ev);
             s->finished.fetch_add(1);
+        }
+    }
+}
+
+// ---- announcer ----
+
+bool valid_report(const queued_event& ev) {
+    return is_domain(ev.data_type, ev.data_len) || is_address(ev.data_type, ev.data_len);
+}
+
+void announce_main(qmx_srv* s) {
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> lk(s->announce_lock);
+            s->announce_cond.wait(lk, [&] { return s->announce_wake || !s->running.load(); });
+            s->announce_wake = false;
+        }
+        if (!s->running.load()) return;
+        while (s->running.load()) {
+            list_node_t* node = list_pop_front_node(s->announce_list);
+            if (!node) break;
+            queued_event* ev = item_of<queued_event>(node);
+            if (valid_report(*ev)) zor_notify_u2k(static_cast<int>(ev->data_type), ev->text.c_str());
+            list_push_front(s->event_list, &ev->node);
+            notify_flag(s->event_lock, s->event_cond, &s->event_wake);
         }
     }
 }
@@ -240,9 +283,18 @@ void send_batch(qmx_srv* s) {
     std::unique_ptr<char, free_deleter> text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
     LOG_D("Send query: %s", text.get());
-    std::optional<std::string> reply = zor_query(text.get(), &s->abort_query);
-    LOG_D("Query plain text: %s", reply ? reply->c_str() : "(null)");
-    if (reply) db_add_reply(reply->c_str());
+    size_t reply_size = 0;
+    {
+        std::optional<std::string> reply = zor_query(text.get(), &s->abort_query);
+        LOG_D("Query plain text: %s", reply ? reply->c_str() : "(null)");
+        if (reply) {
+            reply_size = reply->size();
+            db_add_reply(reply->c_str());
+        }
+    }
+    // A large reply leaves its parse tree's many small blocks free inside the
+    // heap, where malloc would keep them for good; they go back at once.
+    if (reply_size > kTrimAfterReply) malloc_trim(0);
 }
 
 void sender_main(qmx_srv* s) {
@@ -304,6 +356,14 @@ void destroy(qmx_srv* s) {
     s->abort_query.store(true);
     nlu_close(s->nlu);  // no report is handed over after this
     s->nlu = nullptr;
+    if (s->received.load() != 0) {
+        LOG_I("netlink reports: %llu received, %llu dropped with the queue full",
+              static_cast<unsigned long long>(s->received.load()),
+              static_cast<unsigned long long>(s->dropped.load()));
+    }
+    notify_flag(s->announce_lock, s->announce_cond, nullptr);
+    join(s->announce_thread);
+    free_items<queued_event>(s->announce_list);
     notify_flag(s->event_lock, s->event_cond, nullptr);
     join(s->event_thread);
     free_items<queued_event>(s->event_list);
@@ -333,8 +393,9 @@ int qmx_srv_start() {
     auto* s = new (std::nothrow) qmx_srv;
     if (!s) return 0;
     s->query_list = list_create();
+    s->announce_list = list_create();
     s->event_list = list_create();
-    if (!s->query_list || !s->event_list) {
+    if (!s->query_list || !s->announce_list || !s->event_list) {
         destroy(s);
         return 0;
     }
@@ -346,6 +407,8 @@ int qmx_srv_start() {
                        "Failed to create wakeup worker: routine trigger to query worker");
     ok &= start_thread(s->event_thread, event_main, s,
                        "Failed to create worker: receive data from netlink");
+    ok &= start_thread(s->announce_thread, announce_main, s,
+                       "Failed to create worker: announce reports to the kernel");
     s->nlu = nlu_open(static_cast<uint32_t>(qmxsrv_ctx.pid), qmx_srv_handle_event);
     if (!s->nlu) {
         LOG_E("Fail to create socket: netlink generic");
@@ -368,11 +431,15 @@ void qmx_srv_release() {
 void qmx_srv_handle_event(const nl_event* event) {
     qmx_srv* s = g_srv.load();
     if (!s || !s->running.load() || !event) return;
-    const uint32_t count = list_count(s->event_list);
+    s->received.fetch_add(1);
+    const uint32_t count = s->queued.load();
     LOG_D("get f=0x%08X, data_type=%d, data_len=%d, now count = %d", event->flags,
           static_cast<int>(event->data_type), static_cast<int>(event->data_len),
           static_cast<int>(count));
-    if (count >= kEventCap) return;
+    if (count >= kEventCap) {
+        s->dropped.fetch_add(1);
+        return;
+    }
     auto* q = new (std::nothrow) queued_event;
     if (!q) return;
     try {
@@ -385,13 +452,17 @@ void qmx_srv_handle_event(const nl_event* event) {
     q->data_type = event->data_type;
     q->data_len = event->data_len;
     q->node.data = q;
-    if (is_domain(q->data_type, q->data_len) || is_address(q->data_type, q->data_len))
-        zor_notify_u2k(static_cast<int>(q->data_type), q->text.c_str());
-    list_push_front(s->event_list, &q->node);
-    notify_flag(s->event_lock, s->event_cond, &s->event_wake);
+    s->queued.fetch_add(1);
+    list_append(s->announce_list, &q->node);
+    notify_flag(s->announce_lock, s->announce_cond, &s->announce_wake);
 }
 
 uint32_t qmx_srv_queued_events() {
+    qmx_srv* s = g_srv.load();
+    return s ? s->queued.load() : 0;
+}
+
+uint32_t qmx_srv_lookup_events() {
     qmx_srv* s = g_srv.load();
     return s ? list_count(s->event_list) : 0;
 }

@@ -2,10 +2,11 @@
 // file, then the verdict cache, and otherwise batched to the cloud. Every
 // verdict found goes back to the kernel module as "db key2group update".
 //
-// Threads: the netlink receive thread runs the event handler (u2k, then the
-// report is queued; it never blocks beyond a short list lock: at 1025 queued
-// reports new ones are dropped); the event worker takes reports newest first
-// and looks them up; the query sender sends the pending keys in batches of at
+// Threads: the netlink receive thread runs the event handler, which only
+// queues the report (it never waits beyond a short list lock: at 1025 queued
+// reports new ones are dropped); the announcer tells the kernel about each
+// queued report ("u2k") in arrival order and passes it on; the event worker
+// takes reports newest first and looks them up; the query sender sends the pending keys in batches of at
 // most 50 (only while the cloud is enabled and the session ready; otherwise
 // a batch is dropped); the trigger wakes the sender every 10 s while no key
 // is pending. start and release run on the main thread. All threads are
@@ -26,14 +27,18 @@ struct nl_event;
 void qmx_srv_release();
 
 // The event handler given to the netlink channel: logs the report, drops it
-// when 1025 are queued, sends u2k for a valid one and queues it. Does nothing
-// while the workers are not running. Called on the netlink receive thread
-// (tests and benchmarks call it directly).
+// when 1025 are queued, else queues it for the announcer (u2k for a valid
+// one) and then the worker. Does nothing while the workers are not running.
+// Called on the netlink receive thread (tests and benchmarks call it
+// directly).
 void qmx_srv_handle_event(const nl_event* event);
 
-// Diagnostics (also what tests wait on): reports queued for the worker,
+// Diagnostics (also what tests wait on): reports queued (announced or not;
+// what the cap counts), of them those announced and waiting for the lookup,
 // reports the worker has finished since start, keys waiting for a query.
+// Release logs how many reports arrived and how many the cap dropped.
 uint32_t qmx_srv_queued_events();
+uint32_t qmx_srv_lookup_events();
 uint64_t qmx_srv_finished_events();
 uint32_t qmx_srv_pending_queries();
 

@@ -3,6 +3,8 @@
 #include "pctrl/pctrl_reader.h"
 
 #include <gtest/gtest.h>
+#include <chrono>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <ctime>
@@ -385,6 +387,21 @@ TEST_F(PctrlReader, UnreadableEmptyOrNonJsonFileFails) {
 
     std::string big(PCTRL_RULE_FILE_MAX + 1, ' ');
     EXPECT_EQ(read(big), -1);
+}
+
+// Only regular files are read: a FIFO nobody writes would block the reader
+// (the command thread or the midnight run) for ever, a device may never end.
+TEST_F(PctrlReader, FilesThatAreNotRegularAreRefusedAtOnce) {
+    log_capture log;
+    pin(utc(2024, 1, 1, 12));
+    const std::string fifo = dir_.file("rules.fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    for (const std::string& path : {fifo, dir_.path(), std::string("/dev/zero")}) {
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(pctrl_read_rules(path.c_str(), &holder_), -1) << path;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << path;
+        EXPECT_TRUE(log.contains("[E] Open file error: " + path)) << path;
+    }
 }
 
 TEST_F(PctrlReader, ArrayOrEmptyObjectGivesEmptySet) {

@@ -1,6 +1,9 @@
 #include "pctrl/pctrl_reader.h"
 
 #include <cjson/cJSON.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <climits>
@@ -334,9 +337,27 @@ int pctrl_mac_valid(const char* text) {
     return n == 12 && (g == 0 || g == 5);
 }
 
+namespace {
+
+// Opens a regular file for reading. Anything else (a FIFO without a writer,
+// a device) could block the caller for ever or never end, so it is refused;
+// the open itself never waits.
+file_ptr open_regular(const char* path) {
+    if (path == nullptr) return nullptr;
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    struct stat st;
+    FILE* f = nullptr;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) f = fdopen(fd, "r");
+    if (f == nullptr) close(fd);
+    return file_ptr(f);
+}
+
+}  // namespace
+
 int pctrl_read_rules(const char* path, pctrl_holder* holder) {
     if (holder == nullptr) return -1;
-    file_ptr f(path != nullptr ? fopen(path, "r") : nullptr);
+    file_ptr f = open_regular(path);
     if (!f) {
         LOG_E("Open file error: %s", path != nullptr ? path : "(null)");
         return -1;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 
 #include "qmx_curl.h"
@@ -125,6 +126,29 @@ TEST_F(Simulator, PingAndQueryNeedALiveTokenAndAnEncipheredBody) {
     auto [expired, pass2] = login();
     const std::string stale = "Bearer " + expired;
     EXPECT_EQ(call("/node0/talvo-zor/api/v1/srv/ping", nullptr, stale.c_str()).substr(0, 4), "401 ");
+}
+
+// A sealed reply deciphers under the token's key to exactly the scripted
+// text, however broken that text is as JSON; it still needs a live token.
+TEST_F(Simulator, SealedRepliesDecipherToTheScriptedText) {
+    std::string error;
+    ASSERT_TRUE(sim.apply("query * times 1 sealed {\"r\":{\"a\":[20,0\nping 1 sealed  not json at all", &error))
+        << error;
+    EXPECT_FALSE(sim.apply("login sealed {}", &error));
+    EXPECT_EQ(call("/node1/talvo-zor/api/v1/srv/ping").substr(0, 4), "401 ");
+    auto [token, pass] = login();
+    const std::string bearer = "Bearer " + token;
+    const cloudsim::payload_key key = cloudsim::derive_key(pass);
+    std::string ping = call("/node1/talvo-zor/api/v1/srv/ping", nullptr, bearer.c_str());
+    ASSERT_EQ(ping.substr(0, 4), "200 ");
+    EXPECT_EQ(cloudsim::open(key, ping.substr(4)), std::optional<std::string>("not json at all"));
+    const std::string q = cloudsim::seal(key, R"({"q":[[20,"a",0,0]]})");
+    std::string first = call("/node2/talvo-zor/api/v1/srv/q", q.c_str(), bearer.c_str());
+    ASSERT_EQ(first.substr(0, 4), "200 ");
+    EXPECT_EQ(cloudsim::open(key, first.substr(4)), std::optional<std::string>(R"({"r":{"a":[20,0)"));
+    std::string second = call("/node2/talvo-zor/api/v1/srv/q", q.c_str(), bearer.c_str());
+    ASSERT_EQ(second.substr(0, 4), "200 ");
+    EXPECT_EQ(cloudsim::open(key, second.substr(4)), std::optional<std::string>(R"({"r":{"a":[20,0,0,24,0,0]}})"));
 }
 
 TEST_F(Simulator, CategoryTableAnswersNamesAndTheirSubdomains) {

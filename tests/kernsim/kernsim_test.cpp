@@ -289,6 +289,30 @@ TEST(KernsimSend, WaitsForAPortThatAppearsLater) {
     EXPECT_EQ(peer.receive().size(), 36u);
 }
 
+// Lossy sending never waits for a receiver that does not read: what its
+// full queue refuses is counted, and everything else arrives.
+TEST(KernsimSend, LossySendCountsWhatAFullQueueRefuses) {
+    netlink_peer peer;
+    if (!peer.open_on(test_port(3))) GTEST_SKIP() << "generic netlink sockets are not permitted here";
+    ks_sender sender;
+    std::string err;
+    ASSERT_TRUE(sender.open(err)) << err;
+    std::vector<ks_command> cmds;
+    ASSERT_TRUE(ks_parse_words({"domain", "k{n}.test"}, cmds, err)) << err;
+    ks_run_opts opts;
+    opts.port = test_port(3);
+    opts.count = 20000;  // far more than a default receive buffer holds
+    long lost = 0;
+    opts.lost = &lost;
+    long sent = ks_run(cmds, opts, sender, err);
+    if (sent < 0 && err.find("not permitted") != std::string::npos) GTEST_SKIP() << err;
+    ASSERT_EQ(sent, 20000) << err;
+    EXPECT_GT(lost, 0);
+    long received = 0;
+    while (!peer.receive(0).empty()) ++received;
+    EXPECT_EQ(received + lost, 20000);
+}
+
 // Runs the kernsim binary with `args`; returns its exit status and stderr.
 std::pair<int, std::string> run_kernsim(const std::string& args) {
     std::string cmd = std::string(KERNSIM_BIN) + " " + args + " 2>&1 >/dev/null";

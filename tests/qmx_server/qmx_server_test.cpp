@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -137,6 +138,7 @@ protected:
     }
     void TearDown() override {
         hold.open();
+        hold_u2k.open();
         qmx_srv_release();
         db_release();
         qmx_srv_set_trigger_interval(10s);
@@ -145,11 +147,15 @@ protected:
     static void cache(uint32_t type, const char* key) { ASSERT_NE(db_get_or_add(type, key, 0), nullptr); }
 
     gate hold;
-    // The worker stops on the verdict for "block.example" until `hold` opens.
+    gate hold_u2k;
+    // The worker stops on the verdict for "block.example" until `hold`
+    // opens; the announcer stops on the u2k of "held.example" until
+    // `hold_u2k` opens.
     cmd_recorder rec{[this](const std::string& line) {
         if (line.find(" block.example ") != std::string::npos &&
             line.find("update") != std::string::npos)
             hold.pass();
+        if (line.find("u2k 20 held.example\"") != std::string::npos) hold_u2k.pass();
         return 0;
     }};
 };
@@ -227,6 +233,7 @@ TEST_F(Workers, NewestReportIsHandledFirst) {
     ASSERT_TRUE(hold.wait_entered(1));
     report(20, "first.example");
     report(20, "second.example");
+    ASSERT_TRUE(eventually([] { return qmx_srv_lookup_events() == 2; }));
     hold.open();
     ASSERT_TRUE(wait_finished(3));
     EXPECT_EQ(rec.lines_with("update"),
@@ -235,18 +242,51 @@ TEST_F(Workers, NewestReportIsHandledFirst) {
                                         line_of("db key2group update 1 20 first.example 0 0 0")}));
 }
 
-// At 1025 queued reports further ones are dropped before u2k.
+// At 1025 queued reports further ones are dropped before u2k. Reports are
+// announced in arrival order while the worker is busy, and the cap counts
+// them until the worker takes them.
 TEST_F(Workers, QueueHoldsAtMost1025Reports) {
     cache(20, "block.example");
     report(20, "block.example");
     ASSERT_TRUE(hold.wait_entered(1));
     for (int i = 0; i < 1030; ++i) report(21, "10.3." + std::to_string(i / 256) + "." + std::to_string(i % 256));
     EXPECT_EQ(qmx_srv_queued_events(), 1025u);
-    EXPECT_EQ(rec.count_with("u2k"), 1u + 1025u);
-    EXPECT_TRUE(rec.lines_with("u2k 21 10.3.4.5\"").empty());  // report 1029 was dropped
+    ASSERT_TRUE(rec.wait_for("u2k", 1u + 1025u));
+    EXPECT_TRUE(eventually([] { return qmx_srv_lookup_events() == 1025u; }));
+    EXPECT_EQ(qmx_srv_queued_events(), 1025u);
+    report(21, "10.9.9.9");  // still full: the announced reports count
+    const auto u2k = rec.lines_with("u2k");
+    ASSERT_EQ(u2k.size(), 1u + 1025u);
+    EXPECT_EQ(u2k[1], line_of("db key2group u2k 21 10.3.0.0"));
+    EXPECT_EQ(u2k.back(), line_of("db key2group u2k 21 10.3.4.0"));  // report 1024, the last taken
     hold.open();
     ASSERT_TRUE(wait_finished(1026));
     EXPECT_EQ(qmx_srv_queued_events(), 0u);
+}
+
+// The receive thread only queues: a kernel command that hangs in the shell
+// holds neither the handler nor the order in which reports are announced.
+TEST_F(Workers, HandlerNeverWaitsForTheShell) {
+    std::atomic<bool> returned{false};
+    std::thread receiver([&] {
+        report(20, "held.example");
+        returned = true;
+    });
+    ASSERT_TRUE(hold_u2k.wait_entered(1));
+    const bool handler_returned = eventually([&] { return returned.load(); });
+    if (!handler_returned) hold_u2k.open();
+    receiver.join();
+    ASSERT_TRUE(handler_returned) << "the handler waited for the u2k command";
+    for (int i = 0; i < 10; ++i) report(20, "next" + std::to_string(i) + ".example");
+    EXPECT_EQ(qmx_srv_queued_events(), 11u);
+    EXPECT_EQ(qmx_srv_finished_events(), 0u);
+    hold_u2k.open();
+    ASSERT_TRUE(wait_finished(11));
+    const auto u2k = rec.lines_with("u2k");
+    ASSERT_EQ(u2k.size(), 11u);
+    EXPECT_EQ(u2k[0], line_of("db key2group u2k 20 held.example"));
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(u2k[static_cast<size_t>(i) + 1], line_of("db key2group u2k 20 next" + std::to_string(i) + ".example"));
 }
 
 // The trigger wakes the sender only while nothing is pending, so pending

@@ -30,7 +30,7 @@ const char* const kEndpointNames[] = {"login", "ping", "query"};
 
 // What an endpoint does with one request.
 struct action {
-    enum class kind { ok, error, raw, garble, omit } what = kind::ok;
+    enum class kind { ok, error, raw, sealed, garble, omit } what = kind::ok;
     int delay_ms = 0;
     int status = 200;
     int code = 0;
@@ -149,6 +149,14 @@ bool parse_action(const words& ws, size_t k, endpoint ep, action* a, std::string
         a->what = action::kind::raw;
         a->status = static_cast<int>(v);
         a->body = ws.rest(k + 2);  // the rest of the line, as it stands
+        return true;
+    } else if (verb == "sealed") {
+        if (ep == ep_login) {
+            *why = "sealed is for ping and query";
+            return false;
+        }
+        a->what = action::kind::sealed;
+        a->body = ws.rest(k + 1);  // the rest of the line, enciphered as it stands
         return true;
     } else if (verb == "garble") {
         a->what = action::kind::garble;
@@ -508,6 +516,10 @@ struct simulator::impl {
             return 405;
         }
         if (int st = serve_front(ep_ping, node, req, res, &a, &key)) return st;
+        if (a.what == action::kind::sealed) {
+            send(res, 200, seal(key, a.body), "text/plain");
+            return 200;
+        }
         json_ptr root(cJSON_CreateObject());
         cJSON_AddNumberToObject(root.get(), "time", static_cast<double>(now_seconds()));
         send(res, 200, seal_for(a, key, print_json(root.get())), "text/plain");
@@ -528,6 +540,10 @@ struct simulator::impl {
             return 400;
         }
         *detail = *plain;
+        if (a.what == action::kind::sealed) {
+            send(res, 200, seal(key, a.body), "text/plain");
+            return 200;
+        }
         json_ptr q(cJSON_Parse(plain->c_str()));
         cJSON* list = q ? cJSON_GetObjectItemCaseSensitive(q.get(), "q") : nullptr;
         if (!cJSON_IsArray(list)) {

@@ -20,7 +20,7 @@ namespace {
 
 void usage(FILE* out) {
     std::fputs(
-        "usage: kernsim -p PORT [-f FAMILY_ID] [-n COUNT] [-r RATE] [-w SECONDS] [-v]\n"
+        "usage: kernsim -p PORT [-f FAMILY_ID] [-n COUNT] [-r RATE] [-w SECONDS] [-L] [-v]\n"
         "               [-s SCRIPT | COMMAND [; COMMAND]...]\n"
         "  -p PORT       destination port id: the service's process id\n"
         "  -f FAMILY_ID  family id announced and used by events (default 40)\n"
@@ -28,6 +28,8 @@ void usage(FILE* out) {
         "  -r RATE       at most RATE datagrams per second\n"
         "  -w SECONDS    wait up to SECONDS for the service's socket to appear\n"
         "  -s SCRIPT     read commands from SCRIPT ('-' for standard input)\n"
+        "  -L            lossy, like the kernel: never wait for room in the service's\n"
+        "                receive queue; count and drop what it refuses\n"
         "  -v            print every datagram sent\n"
         "commands: announce, domain TEXT, addr TEXT, event, wake, raw HEX, sleep MS\n",
         out);
@@ -65,10 +67,12 @@ int main(int argc, char** argv) {
     ks_run_opts opts;
     const char* script = nullptr;
     bool verbose = false;
+    bool lossy = false;
+    long lost = 0;
     unsigned long v = 0;
     bool have_port = false;
     int opt;
-    while ((opt = getopt(argc, argv, "+p:f:n:r:w:s:vh")) != -1) {
+    while ((opt = getopt(argc, argv, "+p:f:n:r:w:s:Lvh")) != -1) {
         switch (opt) {
             case 'p':
                 if (!to_number(optarg, UINT32_MAX, v) || v == 0) {
@@ -110,6 +114,9 @@ int main(int argc, char** argv) {
                 break;
             case 's':
                 script = optarg;
+                break;
+            case 'L':
+                lossy = true;
                 break;
             case 'v':
                 verbose = true;
@@ -165,9 +172,13 @@ int main(int argc, char** argv) {
         return 1;
     }
     if (verbose) opts.on_sent = trace;
-    if (ks_run(commands, opts, sender, err) < 0) {
+    if (lossy) opts.lost = &lost;
+    long sent = ks_run(commands, opts, sender, err);
+    if (sent < 0) {
         std::fprintf(stderr, "kernsim: %s\n", err.c_str());
         return 1;
     }
+    // One line a script can read: what went out and what the full queue refused.
+    if (lossy) std::printf("kernsim: sent %ld, lost %ld\n", sent, lost);
     return 0;
 }

@@ -28,18 +28,23 @@ bool ks_sender::open(std::string& err) {
 }
 
 bool ks_sender::send(uint32_t port, const std::vector<uint8_t>& msg,
-                     std::chrono::steady_clock::time_point deadline, std::string& err) {
+                     std::chrono::steady_clock::time_point deadline, std::string& err, long* lost) {
     sockaddr_nl to{};
     to.nl_family = AF_NETLINK;
     to.nl_pid = port;
+    const int flags = lost ? MSG_DONTWAIT : 0;
     for (;;) {
-        ssize_t n = sendto(fd_, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+        ssize_t n = sendto(fd_, msg.data(), msg.size(), flags, reinterpret_cast<sockaddr*>(&to), sizeof to);
         if (n == static_cast<ssize_t>(msg.size())) return true;
         if (n >= 0) {
             err = "short send";
             return false;
         }
         if (errno == EINTR) continue;
+        if (lost && (errno == EAGAIN || errno == ENOBUFS)) {
+            ++*lost;
+            return true;
+        }
         if (errno == ECONNREFUSED && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
             continue;
@@ -80,7 +85,8 @@ long ks_run(const std::vector<ks_command>& commands, const ks_run_opts& opts, ks
                 next += gap;
             }
             // Only the first datagram waits for the port to appear.
-            if (!sender.send(opts.port, msg, sent == 0 ? deadline : clock::now(), err)) return -1;
+            if (!sender.send(opts.port, msg, sent == 0 ? deadline : clock::now(), err, opts.lost))
+                return -1;
             ++sent;
             if (opts.on_sent) opts.on_sent(msg);
         }
