@@ -29,6 +29,7 @@ TEST(StrUtil, NullsEmptiesAndNumberEdges) {
     for (auto [text, want] : {std::pair<const char*, int>{"", 1}, {"0123456789", 1}, {"-1", 0}, {" 1", 0},
                               {"1.5", 0}, {"12a", 0}, {"/", 0}, {":", 0}, {nullptr, 0}})
         EXPECT_EQ(str_is_digits(text), want) << (text ? text : "(null)");
+    EXPECT_TRUE(is_digit_char('0') && is_digit_char('9') && !is_digit_char('/') && !is_digit_char(':'));
     for (auto [text, want] : {std::pair<const char*, int>{"  \t-17x", -17}, {"+8", 8}, {"\n5", 0}, {"- 5", 0},
                               {nullptr, 0}, {"2147483647", INT_MAX}, {"-2147483648", INT_MIN},
                               {"99999999999", INT_MAX}, {"-99999999999", INT_MIN}})
@@ -44,7 +45,7 @@ TEST(StrUtil, NullsEmptiesAndNumberEdges) {
     EXPECT_EQ(str_nth_str("aaaa", "", 9), nullptr);  // never past the terminator
     EXPECT_EQ(str_trim(nullptr), nullptr);
     EXPECT_EQ(str_span(nullptr, "a") + str_has_char("abc", '\0') + str_has_char(nullptr, 'a'), 0u);
-    EXPECT_EQ(hex_byte("f") + hex_byte(nullptr), 240);  // stops at the terminator
+    EXPECT_EQ(hex_byte("ff") * 1000 + hex_byte("A0") + hex_byte("f") + hex_byte(nullptr), 255400);  // "f": stops at the end
     struct { const char* text; int n; std::string bytes; } hex[] = {
         {"00ff7A", 3, std::string("\x00\xff\x7a", 3)}, {"de:AD:be", 3, "\xde\xad\xbe"}, {"", 0, ""},
         {"abc", -1, "<null>"}, {"0g", -1, "<null>"}, {":ab", -1, "<null>"}, {"ab:", -1, "<null>"},
@@ -85,12 +86,15 @@ TEST(StrUtil, StrbufGrowsByTheRuleAndKeepsATerminator) {
     strbuf_printf(&f, "[%d]%s", 20, "a.example");
     strbuf_printf(&f, "x%cy", 0);  // stops at the zero byte
     strbuf_append_strs(&f, "-", "", "bc", nullptr);
+    strbuf_append_strs(&f, static_cast<const char*>(nullptr), nullptr);
     uint32_t len = 99;
     EXPECT_EQ(strbuf_detach(&empty, &len), nullptr);
     EXPECT_EQ(len, 0u);
     EXPECT_EQ(take(strbuf_detach(&f, &len)), "[20]a.examplex-bc");
     EXPECT_EQ(len, 17u);
     EXPECT_TRUE(f.data == nullptr && f.length == 0 && f.capacity == 0);
+    strbuf_printf(&f, "%s", std::string(5000, 'w').c_str());  // reused after detach; longer than any fixed buffer
+    EXPECT_EQ(take(strbuf_detach(&f, &len)), std::string(5000, 'w'));
 }
 
 // Random texts over a small alphabet, every helper checked against a plain model.
@@ -98,7 +102,7 @@ TEST(StrUtil, HelpersAgreeWithAModelOnRandomTexts) {
     std::mt19937 rng(20240611);
     auto text = [&](size_t max) {
         std::string s(rng() % (max + 1), ' ');
-        for (char& c : s) c = "aAbB \t\n:/"[rng() % 9];
+        for (char& c : s) c = "aAbB \t\n\r:/\xC4"[rng() % 11];
         return s;
     };
     auto lower = [](std::string s) {
@@ -118,13 +122,14 @@ TEST(StrUtil, HelpersAgreeWithAModelOnRandomTexts) {
         EXPECT_EQ(str_span(s.c_str(), set.c_str()), set.empty() ? 0 : strspn(s.c_str(), set.c_str()));
         EXPECT_EQ(at(str_pbrk(s.c_str(), set.c_str()), s), at(strpbrk(s.c_str(), set.c_str()), s));
         EXPECT_EQ(str_cmp_nocase(s.c_str(), pat.c_str()) == 0, ls == lp);
+        EXPECT_EQ(str_cmp_safe(s.c_str(), pat.c_str()) < 0, s < pat);
         long want_at = -1;  // the first full match, else the first tail that starts the pattern
         size_t want_n = 0, n = 99;
         for (size_t i = 0; i < s.size() && want_at < 0 && !pat.empty(); ++i) {
             size_t k = std::min(pat.size(), s.size() - i);
-            if (ls.compare(i, k, lp, 0, k) == 0) want_at = i, want_n = k;
+            if ((round % 2 ? ls : s).compare(i, k, round % 2 ? lp : pat, 0, k) == 0) want_at = i, want_n = k;
         }
-        EXPECT_EQ(at(mem_find_partial(s.data(), pat.data(), s.size(), pat.size(), &n, 1), s), want_at);
+        EXPECT_EQ(at(mem_find_partial(s.data(), pat.data(), s.size(), pat.size(), &n, round % 2), s), want_at);
         EXPECT_EQ(n, want_n);
         std::vector<long> hits = {0};  // n-th overlapping hit; n < 1 gives the haystack
         for (size_t i = s.find(pat); !pat.empty() && i != std::string::npos; i = s.find(pat, i + 1)) hits.push_back(i);
@@ -135,7 +140,7 @@ TEST(StrUtil, HelpersAgreeWithAModelOnRandomTexts) {
         EXPECT_EQ(at(str_find_char(s.c_str(), c, 0), s), (long)s.find(c));
         EXPECT_EQ(at(str_find_char(s.c_str(), c, 1), s), (long)s.rfind(c));
         EXPECT_EQ(str_has_char(s.c_str(), c), s.find(c) != std::string::npos);
-        size_t b = s.find_first_not_of(" \t\n"), e = s.find_last_not_of(" \t\n");
+        size_t b = s.find_first_not_of(" \t\n\r"), e = s.find_last_not_of(" \t\n\r");
         std::string trimmed = s, low = s, scan = s;
         EXPECT_STREQ(str_trim(trimmed.data()), b == std::string::npos ? "" : s.substr(b, e - b + 1).c_str());
         mem_tolower(low.data(), low.size());
@@ -157,6 +162,13 @@ TEST(StrUtil, HelpersAgreeWithAModelOnRandomTexts) {
         EXPECT_EQ(hex_decode(hex, &back), (int)s.size());
         EXPECT_EQ(std::string(reinterpret_cast<char*>(back), s.size()), s);
         EXPECT_EQ(hex_byte(hex), static_cast<unsigned char>(s[0]));
+        std::string upper;  // upper-case pairs, with colons when asked
+        for (unsigned char c : s) {
+            char pair[4];
+            snprintf(pair, sizeof pair, "%s%02X", upper.empty() || round % 2 == 0 ? "" : ":", c);
+            upper += pair;
+        }
+        EXPECT_EQ(hex, upper);
         free(hex);
         free(back);
     }
