@@ -119,7 +119,8 @@ TEST(Ini, TypedLookupsReadTheirOwnWay) {
     EXPECT_EQ(ini_lookup_bool(ini, "zor:on", 5) * 10 + ini_lookup_bool(ini, "zor", 5), 15);
     EXPECT_TRUE(ini_str_cmp_nocase("abc", "ABC") == 0 && ini_str_cmp_nocase("", "") == 0);
     EXPECT_TRUE(ini_str_cmp_nocase("abc", "ABD") < 0 && ini_str_cmp_nocase("abcd", "ABC") > 0);
-    EXPECT_TRUE(ini_str_cmp_nocase(nullptr, "a") == 1 && ini_str_cmp_nocase(nullptr, nullptr) == 1);
+    EXPECT_TRUE(ini_str_cmp_nocase(nullptr, "a") == 1 && ini_str_cmp_nocase("a", nullptr) == 1 &&
+                ini_str_cmp_nocase(nullptr, nullptr) == 1);
 }
 
 // Newest sections and keys first; the unnamed section is dumped without a

@@ -204,6 +204,7 @@ TEST_F(LogTest, LifecycleCallsAreSafeAnyTime) {
     log_g("abc", 1, "after release");
     EXPECT_EQ(log_get(), nullptr);
     EXPECT_NE(read_file(deep + "zorsrv.log").find("[I] first\r\n"), std::string::npos);
+    EXPECT_EQ(read_file(deep + "zorsrv.log").find("second"), std::string::npos);
     ASSERT_EQ(lines().size(), 1u);
     EXPECT_NE(lines()[0].find("[I] second"), std::string::npos);
 }
