@@ -22,97 +22,90 @@ int values[64];
 
 // The data of every node front to back, after checking that the links agree
 // in both directions and with the count.
-std::vector<int*> contents(const list_t* list) {
-    std::vector<int*> forward, backward;
+std::vector<void*> contents(const list_t* list) {
+    std::vector<void*> forward, backward;
     const list_node_t* prev = nullptr;
     for (const list_node_t* n = list->head; n; prev = n, n = n->next) {
         EXPECT_EQ(n->prev, prev);
-        forward.push_back(static_cast<int*>(n->data));
+        forward.push_back(n->data);
     }
-    EXPECT_EQ(list->tail, prev);
-    EXPECT_EQ(list_count(list), forward.size());
-    for (const list_node_t* n = list->tail; n; n = n->prev) backward.insert(backward.begin(), static_cast<int*>(n->data));
-    EXPECT_EQ(forward, backward);
+    for (const list_node_t* n = list->tail; n; n = n->prev) backward.insert(backward.begin(), n->data);
+    EXPECT_TRUE(list->tail == prev && list_count(list) == forward.size() && forward == backward);
     return forward;
 }
 
 bool detached(const list_node_t* n) { return n && !n->next && !n->prev; }
 
+// Edits through every entry point against a deque of nodes; each round ends
+// draining (nodes detached, never freed) or clearing (only real data reaches
+// the callback).
 TEST(List, RandomOperationsMatchADequeModel) {
     std::mt19937 rng(7);
-    list_t* l = list_create();
-    std::deque<list_node_t*> model;
-    auto take = [&](bool front) {  // what a pop must return, removed from the model
-        if (model.empty()) return static_cast<list_node_t*>(nullptr);
-        list_node_t* n = front ? model.front() : model.back();
-        front ? model.pop_front() : model.pop_back();
-        return n;
-    };
-    for (int step = 0; step < 20000 && !HasFailure(); ++step) {
-        list_node_t* fresh = list_node_new(&values[rng() % 64]);
-        list_node_t* any = model.empty() ? nullptr : model[rng() % model.size()];
-        list_node_t *out = nullptr, *want = nullptr;
-        const int op = rng() % 10;
-        const bool front = rng() % 2, locked = rng() % 2;
-        SCOPED_TRACE("step " + std::to_string(step) + " op " + std::to_string(op));
-        if (op < 2) {
-            (front ? (locked ? list_push_front : list_push_front_nolock) : (locked ? list_append : list_append_nolock))(l, fresh);
-            front ? model.push_front(fresh) : model.push_back(fresh);
-            fresh = nullptr;
-        } else if (op == 2) {  // before a random node, or appended when there is none
-            model.insert(std::find(model.begin(), model.end(), any), fresh);
-            list_insert_before(l, any, std::exchange(fresh, nullptr));
-        } else if (op == 3) {
-            void* data = model.empty() ? nullptr : (front ? model.front() : model.back())->data;
-            EXPECT_EQ(front ? list_pop_front(l) : list_pop_back(l), data);
-            take(front);  // the pop freed the node
-        } else if (op == 4) {
-            out = front ? (locked ? list_pop_front_node : list_pop_front_node_nolock)(l)
-                        : (locked ? list_pop_back_node : list_pop_back_node_nolock)(l);
-            EXPECT_EQ(out, want = take(front));
-        } else if (op < 7 && any) {
-            model.erase(std::find(model.begin(), model.end(), any));
-            if (op == 5) (locked ? list_unlink : list_unlink_nolock)(l, out = want = any);
-            if (op == 6) (front ? list_move_to_front : list_move_to_back)(l, any);
-            if (op == 6) front ? model.push_front(any) : model.push_back(any);
-        } else if (op >= 7) {
-            uint32_t i = rng() % (model.size() + 2);
-            EXPECT_EQ(list_node_at(l, i), i < model.size() ? model[i] : nullptr);
-            EXPECT_EQ(list_get(l, i), i < model.size() ? model[i]->data : nullptr);
+    for (int round = 0; round < 4; ++round) {
+        list_t* l = list_create();
+        std::deque<list_node_t*> model;
+        auto take = [&](bool front) {  // what a pop must return, removed from the model
+            if (model.empty()) return static_cast<list_node_t*>(nullptr);
+            list_node_t* n = front ? model.front() : model.back();
+            front ? model.pop_front() : model.pop_back();
+            return n;
+        };
+        for (int step = 0; step < 5000 && !HasFailure(); ++step) {
+            list_node_t* fresh = list_node_new(rng() % 8 ? &values[rng() % 64] : nullptr);
+            list_node_t* any = model.empty() ? nullptr : model[rng() % model.size()];
+            list_node_t *out = nullptr, *want = nullptr;
+            const int op = rng() % 10;
+            const bool front = rng() % 2, locked = rng() % 2;
+            SCOPED_TRACE("round " + std::to_string(round) + " step " + std::to_string(step) + " op " + std::to_string(op));
+            if (op < 2) {
+                (front ? (locked ? list_push_front : list_push_front_nolock) : (locked ? list_append : list_append_nolock))(l, fresh);
+                front ? model.push_front(std::exchange(fresh, nullptr)) : model.push_back(std::exchange(fresh, nullptr));
+            } else if (op == 2) {  // before a random node, or appended when there is none
+                model.insert(std::find(model.begin(), model.end(), any), fresh);
+                list_insert_before(l, any, std::exchange(fresh, nullptr));
+            } else if (op == 3) {
+                void* data = model.empty() ? nullptr : (front ? model.front() : model.back())->data;
+                EXPECT_EQ(front ? list_pop_front(l) : list_pop_back(l), data);
+                take(front);  // the pop freed the node
+            } else if (op == 4) {
+                out = front ? (locked ? list_pop_front_node : list_pop_front_node_nolock)(l)
+                            : (locked ? list_pop_back_node : list_pop_back_node_nolock)(l);
+                EXPECT_EQ(out, want = take(front));
+            } else if (op < 7 && any) {
+                model.erase(std::find(model.begin(), model.end(), any));
+                if (op == 5) (locked ? list_unlink : list_unlink_nolock)(l, out = want = any);
+                if (op == 6) (front ? list_move_to_front : list_move_to_back)(l, any);
+                if (op == 6) front ? model.push_front(any) : model.push_back(any);
+            } else if (op >= 7) {
+                uint32_t i = rng() % (model.size() + 2);
+                EXPECT_EQ(list_node_at(l, i), i < model.size() ? model[i] : nullptr);
+                EXPECT_EQ(list_get(l, i), i < model.size() ? model[i]->data : nullptr);
+            }
+            EXPECT_TRUE(!want || detached(out));
+            list_node_free(out);
+            list_node_free(fresh);
+            std::vector<void*> data;
+            for (list_node_t* n : model) data.push_back(n->data);
+            EXPECT_EQ(contents(l), data);
+            EXPECT_EQ(list_first(l), model.empty() ? nullptr : model.front());
         }
-        EXPECT_TRUE(!want || detached(out));
-        list_node_free(out);
-        list_node_free(fresh);
-        std::vector<int*> data;
-        for (list_node_t* n : model) data.push_back(static_cast<int*>(n->data));
-        EXPECT_EQ(contents(l), data);
-        EXPECT_EQ(list_first(l), model.empty() ? nullptr : model.front());
+        static std::vector<void*> seen;
+        std::vector<void*> want;
+        seen.clear();
+        for (list_node_t* n : model)
+            if (n->data) want.push_back(n->data);
+        (round % 2 ? list_drain : list_clear)(l, [](void* p) { seen.push_back(p); });
+        for (list_node_t* n : model) {  // drained nodes are still the caller's
+            EXPECT_TRUE(round % 2 == 0 || detached(n));
+            if (round % 2) list_node_free(n);
+        }
+        EXPECT_EQ(seen, want);
+        EXPECT_TRUE(contents(l).empty());
+        list_free(l);
     }
-    list_clear(l, nullptr);
-    EXPECT_TRUE(contents(l).empty());
-    list_free(l);
-}
-
-int freed_count = 0;
-TEST(List, NullEdgesClearAndDrain) {
-    EXPECT_TRUE(list_count(nullptr) == 0 && !list_first(nullptr) && !list_get(nullptr, 0) && !list_pop_front(nullptr));
     list_free(nullptr), list_node_free(nullptr), list_clear(nullptr, nullptr), list_drain(nullptr, nullptr);
-    list_t* l = list_create();
-    list_append_nolock(nullptr, nullptr), list_insert_before(l, nullptr, nullptr), list_move_to_front(l, nullptr);
-    for (int i = 0; i < 3; ++i) list_append(l, list_node_new(new int(i)));
-    list_append(l, list_node_new(nullptr));  // only real data reaches the callback
-    list_clear(l, [](void* p) { ++freed_count, delete static_cast<int*>(p); });
-    EXPECT_EQ(freed_count, 3);
-    EXPECT_TRUE(contents(l).empty());
-    list_node_t nodes[3];  // owned by the test, as elements own theirs: drained, never freed
-    nodes[0].data = &values[1], nodes[2].data = &values[3];
-    for (list_node_t& n : nodes) list_append(l, &n);
-    static std::vector<void*> seen;
-    list_drain(l, [](void* p) { seen.push_back(p); });
-    EXPECT_EQ(seen, (std::vector<void*>{&values[1], &values[3]}));
-    for (list_node_t& n : nodes) EXPECT_TRUE(detached(&n));
-    EXPECT_TRUE(contents(l).empty());
-    list_free(l);
+    list_append_nolock(nullptr, nullptr), list_insert_before(nullptr, nullptr, nullptr), list_move_to_front(nullptr, nullptr);
+    EXPECT_TRUE(list_count(nullptr) == 0 && !list_first(nullptr) && !list_get(nullptr, 0) && !list_pop_front(nullptr));
 }
 
 // An empty list is answered from its count, never by waiting for the mutex.

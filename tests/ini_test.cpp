@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <set>
 #include <string>
 
 #include "test_util.h"
@@ -176,33 +175,6 @@ TEST(Ini, OpenModesFileNamesAndStandardInput) {
     dup2(saved, STDIN_FILENO);
     close(saved);
     clearerr(stdin);
-}
-
-// Whatever the input, a loaded file holds one record per section name and
-// per key, and nothing longer than a work buffer.
-TEST(Ini, ArbitraryInputKeepsOneRecordPerName) {
-    const char alphabet[] = "[]=#\\ \t\n\r:abAB01x";
-    uint32_t seed = 12345;
-    auto next = [&seed] { return (seed = seed * 1103515245u + 12345u) >> 16; };
-    int loaded_count = 0;
-    for (int round = 0; round < 400; ++round) {
-        std::string text(next() % (round < 380 ? 200 : 3000), ' ');
-        for (char& c : text) c = next() % 10 == 0 ? static_cast<char>(next() & 0xFF) : alphabet[next() % (sizeof alphabet - 1)];
-        loaded f(text);
-        if (!f.ini) continue;
-        ++loaded_count;
-        std::set<std::string> sections;
-        for (list_node_t* s = list_first(f.ini->sections.get()); s; s = s->next) {
-            auto* sec = static_cast<ini_section_t*>(s->data);
-            EXPECT_TRUE(sections.insert(sec->name ? "[" + *sec->name : "").second) << text;
-            std::set<std::string> keys;
-            for (list_node_t* k = list_first(sec->keys.get()); k; k = k->next) {
-                auto* key = static_cast<ini_key_t*>(k->data);
-                EXPECT_TRUE(keys.insert(key->key).second && key->key.size() <= 1024 && key->value->size() <= 1024) << text;
-            }
-        }
-    }
-    EXPECT_GT(loaded_count, 0);
 }
 
 }  // namespace
