@@ -104,14 +104,9 @@ TEST_F(Db, ShouldQueryStampsOncePerDayUntilAVerdictIsHeld) {
 // group,sub,ttl s)" is logged for each well-formed member, cached or not.
 TEST_F(Db, AddReplyReturnCodesAndMessages) {
     const std::tuple<const char*, int, const char*, size_t> cases[] = {
-        {nullptr, 5, nullptr, 0},
-        {"", 5, nullptr, 0},
-        {"{", 3, "QMX_WRONG_JSON", 0},
-        {"not json", 3, "QMX_WRONG_JSON", 0},
-        {"[1,2]", 0, "response has no r key", 0},
-        {R"({"R":{}})", 0, "response has no r key", 0},
-        {R"({"r":1})", 0, "response is not object", 0},
-        {R"({"r":[]})", 0, "response is not object", 0},
+        {nullptr, 5, nullptr, 0}, {"", 5, nullptr, 0}, {"{", 3, "QMX_WRONG_JSON", 0}, {"not json", 3, "QMX_WRONG_JSON", 0},
+        {"[1,2]", 0, "response has no r key", 0}, {R"({"R":{}})", 0, "response has no r key", 0},
+        {R"({"r":1})", 0, "response is not object", 0}, {R"({"r":[]})", 0, "response is not object", 0},
         {R"({"r":{}})", 0, nullptr, 0},
         {R"({"r":{"n.example":[20,9,8,2,3,4],"m.example":[20,9,8,2,3]}})", 0, "db add(20,9,8,3,4,7200)", 1},
     };

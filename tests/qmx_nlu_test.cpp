@@ -64,21 +64,14 @@ TEST_F(NluDatagram, ControllerRepliesAndEventsFollowTheKnownFamily) {
         uint32_t family;
         size_t announcements;
     } steps[] = {
-        {domain_event(40, "early.example"), 0, 0},
-        {announce("zor_notify", 40), 40, 1},
-        {announce("ZOR_Notify", 41), 41, 2},
-        {announce("zor_notif", 77), 41, 2},
-        {announce("nlctrl", 77), 41, 2},
-        {announce("", 77), 41, 2},
-        {announce("zor-notify", 77), 41, 2},
-        {announce("xzor_notify", 77), 41, 2},
-        {announce("zor_notify_v2", 40), 40, 3},
-        {domain_event(41, "other.example"), 40, 3},
+        {domain_event(40, "early.example"), 0, 0}, {announce("zor_notify", 40), 40, 1}, {announce("ZOR_Notify", 41), 41, 2},
+        {announce("zor_notif", 77), 41, 2},        {announce("nlctrl", 77), 41, 2},     {announce("", 77), 41, 2},
+        {announce("zor-notify", 77), 41, 2},       {announce("xzor_notify", 77), 41, 2},
+        {announce("zor_notify_v2", 40), 40, 3},    {domain_event(41, "other.example"), 40, 3},
         {event(40, 0, 20, "cmd2.example", 256, 256, 2), 40, 3},
         {domain_event(40, "www.example.com", 0x80000001u), 40, 3},
         {address_event(40, "192.168.7.9", 22), 40, 3},
-        {announce("zor_notify", 40, 3), 0, 3},
-        {domain_event(40, "lost.example"), 0, 3},
+        {announce("zor_notify", 40, 3), 0, 3},     {domain_event(40, "lost.example"), 0, 3},
     };
     for (const auto& s : steps) {
         feed(s.datagram);

@@ -1,5 +1,5 @@
-// Event workers: reports in, verdict commands out, through the real cache
-// and the real netlink channel; only the command runner is replaced.
+// Event workers: reports in, verdict commands out, through the real category
+// file, cache and cloud client; only the command runner is replaced.
 #include "qmx_server.h"
 
 #include <gtest/gtest.h>
@@ -13,12 +13,12 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "base64.h"
 #include "cloudsim.h"
 #include "cmd_recorder.h"
-#include "nl_peer.h"
 #include "qmx_curl.h"
 #include "qmx_db.h"
 #include "qmx_nlu.h"
@@ -50,14 +50,14 @@ struct gate {
     void open() { std::call_once(once, [this] { opened.set_value(); }); }
 };
 
-// A report as the netlink channel hands it over; `len` 0 means the type's
-// own field size.
+// A report as the netlink channel hands it over; `len` 0 means the field
+// size of a domain (256) or address (40) type.
 void report(uint32_t type, const std::string& text, uint32_t flags = 0, uint32_t len = 0) {
     struct {
         nl_event ev;
         char data[1008];
     } r{};
-    r.ev = {flags, type, len ? len : type == 20 ? 256u : 40u};
+    r.ev = {flags, type, len ? len : type == 20 ? 256u : type == 21 || type == 22 ? 40u : 0u};
     memcpy(r.data, text.data(), std::min(text.size(), sizeof r.data));
     qmx_srv_handle_event(&r.ev);
 }
@@ -70,10 +70,12 @@ bool eventually(const Pred& pred) {
 }
 bool wait_finished(uint64_t n) { return eventually([n] { return qmx_srv_finished_events() >= n; }); }
 
+// The workers with a category file and a cloud session to the simulator,
+// which knows example.com (group 3, sub-group 4, 24 hours); the cloud is
+// switched on by the tests that use it.
 class Workers : public ::testing::Test {
 protected:
-    // The category file: ids 0x1234 and 0x5678 give the group pairs (18, 52)
-    // and (86, 120).
+    // Category ids 0x1234 and 0x5678 give the group pairs (18, 52) and (86, 120).
     static void SetUpTestSuite() {
         std::vector<xdbc::rule> rules;
         std::vector<std::string> warnings;
@@ -84,8 +86,13 @@ protected:
         const std::string path = files.file("categories.xdb");
         ASSERT_TRUE(zor_test::write_file(path, std::string(out.file.begin(), out.file.end())));
         ASSERT_EQ(xdb_init(path.c_str()), 0);
+        ASSERT_EQ(qmx_curl_init(), 0);
+        crypto_init();
     }
-    static void TearDownTestSuite() { xdb_release(); }
+    static void TearDownTestSuite() {
+        qmx_curl_release();
+        xdb_release();
+    }
     static inline zor_test::temp_dir files;
 
     void SetUp() override {
@@ -98,6 +105,12 @@ protected:
         // races with new keys would take them, so it stays out of the way.
         qmx_srv_set_trigger_interval(1h);
         ASSERT_EQ(qmx_srv_start(), 1);
+        qmx_curl_set_timeouts(5000ms, 5000ms);
+        std::string error;
+        ASSERT_TRUE(sim.start(&error)) << error;
+        ASSERT_TRUE(sim.apply("category example.com 3 4 24", &error)) << error;
+        ASSERT_EQ(zor_init(sim.address().c_str(), "prod-1", "acct-1", "secret", "gw.lan"), 1);
+        ASSERT_TRUE(eventually(zor_ready));
     }
     void TearDown() override {
         hold.open();
@@ -105,6 +118,16 @@ protected:
         qmx_srv_release();
         db_release();
         qmx_srv_set_trigger_interval(10s);
+        zor_release();
+        sim.stop();
+        qmxsrv_ctx.cloud_enabled = 0;
+    }
+    // Each query the simulator received, in arrival order.
+    lines queries() const {
+        lines out;
+        for (const auto& r : sim.requests())
+            if (r.endpoint == "query") out.push_back(r.detail);
+        return out;
     }
     // Puts a key into the cache as if it had been reported before.
     static void cache(const char* key) { ASSERT_NE(db_get_or_add(20, key, 0), nullptr); }
@@ -118,6 +141,7 @@ protected:
         if (line.find("u2k 20 held.example\"") != std::string::npos) hold_u2k.pass();
         return 0;
     }};
+    cloudsim::simulator sim;
 };
 
 // Valid reports are announced with u2k in arrival order. Keys the category
@@ -126,17 +150,12 @@ protected:
 // the cloud. A wrong length for the type or an unknown type is skipped with
 // no command, no cache entry and no query.
 TEST_F(Workers, ReportsAreValidatedAnnouncedAndLookedUp) {
-    report(20, "www.cat.example");
-    report(21, "10.20.3.4");
-    report(22, "10.20.250.1");
-    report(20, "cat.example.org");  // not under .cat.example
-    report(21, "10.21.0.1");
-    report(22, "10.0.0.9");
-    report(20, "short.example", 0, 40);
-    report(21, "10.1.1.1", 0, 256);
-    report(22, "10.1.1.2", 0, 39);
-    report(23, "10.1.1.3", 0, 40);
-    report(0, "", 0, 0);
+    const std::tuple<uint32_t, const char*, uint32_t> reports[] = {
+        {20, "www.cat.example", 0}, {21, "10.20.3.4", 0}, {22, "10.20.250.1", 0},
+        {20, "cat.example.org", 0},  // not under .cat.example
+        {21, "10.21.0.1", 0}, {22, "10.0.0.9", 0}, {20, "short.example", 40}, {21, "10.1.1.1", 256},
+        {22, "10.1.1.2", 39}, {23, "10.1.1.3", 40}, {0, "", 0}};
+    for (const auto& [type, text, len] : reports) report(type, text, 0, len);
     ASSERT_TRUE(wait_finished(11));
     EXPECT_EQ(rec.lines_with("u2k"),
               (lines{line_of("db key2group u2k 20 www.cat.example"), line_of("db key2group u2k 21 10.20.3.4"),
@@ -233,89 +252,12 @@ TEST_F(Workers, HandlerNeverWaitsForTheShell) {
     EXPECT_EQ(rec.lines_with("u2k"), want);
 }
 
-// Release joins at once with a full queue; reports while stopped are
-// ignored; release and start may be repeated.
-TEST_F(Workers, ReleaseReturnsPromptlyWithAFullQueue) {
-    cache("block.example");
-    report(20, "block.example");
-    ASSERT_TRUE(eventually([&] { return hold.entered.load(); }));
-    for (int i = 0; i < 1024; ++i) report(20, "q" + std::to_string(i) + ".example");
-    hold.open();
-    auto start = std::chrono::steady_clock::now();
-    qmx_srv_release();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
-    const uint64_t finished = qmx_srv_finished_events();
-    report(20, "late.example");
-    qmx_srv_release();
-    EXPECT_EQ(rec.count_with("late.example"), 0u);
-    EXPECT_EQ(qmx_srv_finished_events(), finished);
-    EXPECT_EQ(qmx_srv_start(), 1);
-    EXPECT_EQ(qmx_srv_start(), 1);  // already running
-}
-
-// The whole way in through the socket: the announcement reaches the kernel
-// as "env server_port <pid>", then an event becomes u2k and a lookup.
-TEST_F(Workers, ReportsArriveOverNetlink) {
-    nl_peer::socket_peer kernel;
-    ASSERT_TRUE(kernel.ok());
-    const uint32_t port = static_cast<uint32_t>(getpid());
-    int err = kernel.send_to(port, nl_peer::announce("zor_notify", 33));
-    if (err == EPERM || err == EACCES)
-        GTEST_SKIP() << "unicast between netlink sockets needs CAP_NET_ADMIN: " << strerror(err);
-    ASSERT_EQ(err, 0);
-    ASSERT_TRUE(rec.wait_for("env server_port " + std::to_string(port) + "\"", 1));
-    cache("net.example");
-    ASSERT_EQ(kernel.send_to(port, nl_peer::domain_event(33, "net.example")), 0);
-    ASSERT_EQ(kernel.send_to(port, nl_peer::address_event(33, "172.16.0.1", 22)), 0);
-    ASSERT_TRUE(wait_finished(2));
-    EXPECT_EQ(rec.count_with("u2k 20 net.example\""), 1u);
-    EXPECT_EQ(rec.count_with("u2k 22 172.16.0.1\""), 1u);
-    EXPECT_EQ(rec.count_with("update 1 20 net.example 0 0 0\""), 1u);
-}
-
-// The workers with a cloud session to the simulator, which knows
-// example.com (group 3, sub-group 4, 24 hours).
-class WorkersWithCloud : public Workers {
-protected:
-    static void SetUpTestSuite() {
-        Workers::SetUpTestSuite();
-        ASSERT_EQ(qmx_curl_init(), 0);
-        crypto_init();
-    }
-    static void TearDownTestSuite() {
-        qmx_curl_release();
-        Workers::TearDownTestSuite();
-    }
-    void SetUp() override {
-        Workers::SetUp();
-        qmx_curl_set_timeouts(5000ms, 5000ms);
-        std::string error;
-        ASSERT_TRUE(sim.start(&error)) << error;
-        ASSERT_TRUE(sim.apply("category example.com 3 4 24", &error)) << error;
-        ASSERT_EQ(zor_init(sim.address().c_str(), "prod-1", "acct-1", "secret", "gw.lan"), 1);
-        ASSERT_TRUE(eventually(zor_ready));
-        qmxsrv_ctx.cloud_enabled = 1;
-    }
-    void TearDown() override {
-        Workers::TearDown();
-        zor_release();
-        sim.stop();
-        qmxsrv_ctx.cloud_enabled = 0;
-    }
-    // Each query the simulator received, in arrival order.
-    lines queries() const {
-        lines out;
-        for (const auto& r : sim.requests())
-            if (r.endpoint == "query") out.push_back(r.detail);
-        return out;
-    }
-    cloudsim::simulator sim;
-};
 
 // 120 unknown keys, then a flagged report: queries of 50, 50 and 20 keys,
 // newest first; the verdicts reach the kernel with source 1 and the ttl in
 // seconds, and a cached key is answered without another query.
-TEST_F(WorkersWithCloud, PendingKeysGoOutInBatchesOf50NewestFirst) {
+TEST_F(Workers, PendingKeysGoOutInBatchesOf50NewestFirst) {
+    qmxsrv_ctx.cloud_enabled = 1;
     lines want(3, "{\"q\":[");
     for (int i = 0; i < 120; ++i) {
         report(20, "k" + std::to_string(i) + ".example.com");
@@ -340,8 +282,7 @@ TEST_F(WorkersWithCloud, PendingKeysGoOutInBatchesOf50NewestFirst) {
 // With the cloud switched off, a flagged report (valid or not) makes the
 // sender take every pending key and drop it; the keys stay marked as asked,
 // so they are answered from the cache afterwards.
-TEST_F(WorkersWithCloud, DisabledCloudDropsTheBatch) {
-    qmxsrv_ctx.cloud_enabled = 0;
+TEST_F(Workers, DisabledCloudDropsTheBatch) {
     for (int i = 0; i < 60; ++i) report(20, "k" + std::to_string(i) + ".example.com");
     ASSERT_TRUE(wait_finished(60));
     EXPECT_EQ(qmx_srv_pending_queries(), 60u);
@@ -354,8 +295,10 @@ TEST_F(WorkersWithCloud, DisabledCloudDropsTheBatch) {
 }
 
 // A query in flight is abandoned by the release, which never waits for the
-// cloud's answer.
-TEST_F(WorkersWithCloud, ReleaseDoesNotWaitForTheCloud) {
+// cloud's answer; reports while stopped are ignored; release and start may
+// be repeated.
+TEST_F(Workers, ReleaseDoesNotWaitForTheCloud) {
+    qmxsrv_ctx.cloud_enabled = 1;
     zor_test::log_capture log;
     std::string error;
     ASSERT_TRUE(sim.apply("query * delay 30000", &error)) << error;
@@ -365,7 +308,12 @@ TEST_F(WorkersWithCloud, ReleaseDoesNotWaitForTheCloud) {
     auto start = std::chrono::steady_clock::now();
     qmx_srv_release();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    report(20, "late.example");  // not running: ignored
+    qmx_srv_release();
+    EXPECT_EQ(rec.count_with("late.example"), 0u);
     EXPECT_TRUE(rec.lines_with("update").empty());
+    EXPECT_EQ(qmx_srv_start(), 1);
+    EXPECT_EQ(qmx_srv_start(), 1);  // already running
 }
 
 }  // namespace

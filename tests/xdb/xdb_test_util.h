@@ -2,16 +2,11 @@
 // text into a loaded file, and recording what the matcher reports.
 #pragma once
 
-#include <algorithm>
-#include <string>
-#include <tuple>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "xac.h"
 #include "xdb.h"
-#include "xdbc.h"
+#include "xdb_reference.h"
 
 namespace xdbtest {
 
@@ -24,17 +19,14 @@ inline xdbc::compiled compile_patterns(const std::vector<xdbc::pattern>& pats, x
     return out;
 }
 
-// Compiles a source text the way the xdbc command does.
 inline std::vector<uint8_t> build_source(const std::string& source, xdbc::options opt = {}) {
-    std::vector<xdbc::rule> rules;
-    std::vector<std::string> warnings;
-    xdbc::compiled out;
     std::string error;
-    EXPECT_TRUE(xdbc::parse_source(source, rules, error) && xdbc::build(opt, rules, out, error, warnings)) << error;
-    return out.file;
+    std::vector<uint8_t> file = xdbref::build_source(source, error, opt);
+    EXPECT_EQ(error, "");
+    return file;
 }
 
-using match = std::tuple<uint32_t, uint32_t, int>;  // id, end, length
+using xdbref::match;
 
 // Records every call with the text it was handed; returns `result`.
 struct recorder {
