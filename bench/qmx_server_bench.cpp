@@ -27,7 +27,7 @@
 #include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
 #include "xdb.h"
-#include "xdbc.h"
+#include "xdb_reference.h"
 
 namespace {
 
@@ -102,20 +102,15 @@ void feed(benchmark::State& state, const std::vector<raw_event>& events, bool re
 
 // Loads a category file with one domain rule and one address network.
 bool load_category_file() {
-    std::vector<xdbc::rule> rules;
-    std::vector<std::string> warnings;
-    xdbc::compiled out;
     std::string error;
-    if (!xdbc::parse_source(".cat.example 0x1234\n10.20.0.0/16 0x5678\n", rules, error) ||
-        !xdbc::build({}, rules, out, error, warnings)) {
-        return false;
-    }
+    const std::vector<uint8_t> image = xdbref::build_source(".cat.example 0x1234\n10.20.0.0/16 0x5678\n", error);
+    if (image.empty()) return false;
     char path[] = "/tmp/qmx_server_bench_XXXXXX";
     int fd = mkstemp(path);
     if (fd < 0) return false;
     close(fd);
     std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(out.file.data()), static_cast<std::streamsize>(out.file.size()));
+        .write(reinterpret_cast<const char*>(image.data()), static_cast<std::streamsize>(image.size()));
     bool ok = xdb_init(path) == 0;
     unlink(path);
     return ok;

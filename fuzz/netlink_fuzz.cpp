@@ -30,7 +30,7 @@
 #include "qmx_server.h"
 #include "qmxsrv_ctx.h"
 #include "xdb.h"
-#include "xdbc.h"
+#include "xdb_reference.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -68,14 +68,11 @@ struct ctx_closer {
 };
 
 void load_category_file() {
-    std::vector<xdbc::rule> rules;
-    std::vector<std::string> warnings;
-    xdbc::compiled out;
     std::string error;
-    if (!xdbc::parse_source(kCategories, rules, error) || !xdbc::build({}, rules, out, error, warnings))
-        fuzz::fail("category file not built", error);
+    const std::vector<uint8_t> image = xdbref::build_source(kCategories, error);
+    if (image.empty()) fuzz::fail("category file not built", error);
     static fuzz::scratch_file file;
-    file.write(out.file.data(), out.file.size());
+    file.write(image.data(), image.size());
     if (xdb_init(file.path()) != 0) fuzz::fail("category file not loaded");
 }
 

@@ -28,3 +28,5 @@ json_ptr parse_one_object(const std::string& out);
 std::string json_str(const cJSON* j, const char* key);
 // A boolean member as 1 or 0, or -1 when absent or not a boolean.
 int json_bool(const cJSON* j, const char* key);
+// A number member, or -1 when absent or not a number.
+double json_num(const cJSON* j, const char* key);

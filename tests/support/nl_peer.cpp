@@ -13,16 +13,16 @@ namespace nl_peer {
 
 namespace {
 
-size_t align4(size_t n) { return (n + 3) & ~size_t{3}; }
-
+// Appends an attribute, padded to four bytes.
 void put_attr(bytes& b, uint16_t type, const void* data, size_t len) {
-    size_t at = b.size();
-    b.resize(at + align4(4 + len), 0);
+    const size_t at = b.size();
+    b.resize(at + ((4 + len + 3) & ~size_t{3}), 0);
     put16(b, at, static_cast<uint16_t>(4 + len));
     put16(b, at + 2, type);
     memcpy(&b[at + 4], data, len);
 }
 
+// nlmsghdr with `type`, then the genl header with `cmd`.
 bytes genl_msg(uint16_t type, uint8_t cmd) {
     bytes b(20, 0);
     put16(b, 4, type);
@@ -43,10 +43,10 @@ void seal(bytes& b) { put32(b, 0, static_cast<uint32_t>(b.size())); }
 
 bytes announce(const std::string& name, uint16_t id, uint16_t id_type) {
     bytes b = genl_msg(16, 1);
+    const uint32_t version = 1;
     put_attr(b, 2, name.c_str(), name.size() + 1);
     put_attr(b, id_type, &id, sizeof id);
-    uint32_t version = 1;
-    put_attr(b, 3, &version, 4);
+    put_attr(b, 3, &version, sizeof version);
     seal(b);
     return b;
 }
@@ -54,7 +54,7 @@ bytes announce(const std::string& name, uint16_t id, uint16_t id_type) {
 bytes event(uint16_t fid, uint32_t flags, uint32_t type, const std::string& text, uint32_t field,
             uint32_t data_len, uint8_t genl_cmd) {
     bytes rec(12 + field, 0);
-    uint32_t words[3] = {flags, type, data_len};
+    const uint32_t words[3] = {flags, type, data_len};
     memcpy(rec.data(), words, 12);
     memcpy(rec.data() + 12, text.data(), std::min<size_t>(text.size(), field));
     bytes b = genl_msg(fid, genl_cmd);
@@ -63,22 +63,18 @@ bytes event(uint16_t fid, uint32_t flags, uint32_t type, const std::string& text
     return b;
 }
 
-bytes domain_event(uint16_t fid, const std::string& text, uint32_t flags) {
-    return event(fid, flags, 20, text, 256, 256);
-}
+bytes domain_event(uint16_t fid, const std::string& text, uint32_t flags) { return event(fid, flags, 20, text, 256, 256); }
 
 bytes address_event(uint16_t fid, const std::string& text, uint32_t type, uint32_t flags) {
     return event(fid, flags, type, text, 40, 40);
 }
 
-socket_peer::socket_peer() {
-    fd_ = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC);
-    if (fd_ < 0) return;
-    sockaddr_nl self{};
-    self.nl_family = AF_NETLINK;
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&self), sizeof self) != 0) return;
+socket_peer::socket_peer() : fd_(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC)) {
+    sockaddr_nl self{AF_NETLINK, 0, 0, 0};
     socklen_t len = sizeof self;
-    if (getsockname(fd_, reinterpret_cast<sockaddr*>(&self), &len) == 0) port_ = self.nl_pid;
+    if (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&self), len) == 0 &&
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&self), &len) == 0)
+        port_ = self.nl_pid;
 }
 
 socket_peer::~socket_peer() {
@@ -86,18 +82,14 @@ socket_peer::~socket_peer() {
 }
 
 int socket_peer::send_to(uint32_t port, const bytes& b) const {
-    sockaddr_nl to{};
-    to.nl_family = AF_NETLINK;
-    to.nl_pid = port;
-    ssize_t n = sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    return n < 0 ? errno : 0;
+    const sockaddr_nl to{AF_NETLINK, 0, port, 0};
+    return sendto(fd_, b.data(), b.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to) < 0 ? errno : 0;
 }
 
 bytes socket_peer::receive(std::chrono::milliseconds timeout) const {
     pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(timeout.count())) != 1) return {};
     bytes b(4096);
-    ssize_t n = recv(fd_, b.data(), b.size(), 0);
+    const ssize_t n = poll(&p, 1, static_cast<int>(timeout.count())) == 1 ? recv(fd_, b.data(), b.size(), 0) : 0;
     b.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return b;
 }

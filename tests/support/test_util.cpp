@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 #include "log.h"
 
@@ -25,6 +26,15 @@ temp_dir::~temp_dir() {
 }
 
 std::string temp_dir::file(const std::string& name) const { return path_ + "/" + name; }
+
+bool eventually(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return done();
+}
 
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -3,6 +3,8 @@
 // service's log at a temporary directory for the life of one test.
 #pragma once
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,6 +32,11 @@ std::string read_file(const std::string& path);
 // Replaces the file's contents; returns false on failure.
 bool write_file(const std::string& path, const std::string& contents);
 bool file_exists(const std::string& path);
+
+// Polls `done` every 10 ms until it holds or `limit` has passed; returns its
+// last answer.
+bool eventually(const std::function<bool()>& done,
+                std::chrono::milliseconds limit = std::chrono::seconds(8));
 
 // Starts the service log in a temporary directory at level 7 (everything)
 // and releases it on destruction. lines() returns what has been written so
