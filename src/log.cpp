@@ -52,6 +52,11 @@ struct log_state {
     std::mutex lock;
     std::unique_ptr<log_context> ctx;  // covered by lock; null = logging off
 
+    // The running log's level, kept in step with ctx->level under `lock`:
+    // a line above it is skipped before the lock is taken, so a thread that
+    // only logs debug lines (the netlink receive thread in a flood of
+    // reports) never waits while another one writes a line to the file.
+    std::atomic<uint32_t> level{kDefaultLevel};
     std::atomic<int> disabled{0};
     std::atomic<int> console{0};
     std::atomic<int64_t> clean_period_ms{60000};
@@ -116,7 +121,7 @@ file_ptr open_log(log_context* ctx) {
 
 // The one level writer: `level` is the writer's number, 0 for "G".
 void write_line(uint32_t level, const char* file, int line, const char* fmt, va_list ap) {
-    if (state.disabled.load() || !fmt) return;
+    if (state.disabled.load() || !fmt || level > state.level.load(std::memory_order_relaxed)) return;
     std::lock_guard<std::mutex> guard(state.lock);
     log_context* ctx = state.ctx.get();
     if (!ctx || ctx->level < level) return;
@@ -210,6 +215,7 @@ void log_init(const char* dir, const char* name) {
     snprintf(ctx->name, sizeof ctx->name, "%.*s", static_cast<int>(kNameMax), name);
     {
         std::lock_guard<std::mutex> guard(state.lock);
+        state.level = ctx->level;
         state.ctx = std::move(ctx);
     }
     state.disabled = 0;
@@ -229,7 +235,9 @@ void log_free() {
 
 void log_set_level(uint32_t level) {
     std::lock_guard<std::mutex> guard(state.lock);
-    if (state.ctx) state.ctx->level = level;
+    if (!state.ctx) return;
+    state.ctx->level = level;
+    state.level = level;
 }
 
 void log_set(int enabled, int console) {
