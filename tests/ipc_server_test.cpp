@@ -3,16 +3,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstring>
 #include <optional>
 #include <thread>
 
-#include "cmd_recorder.h"
 #include "ipc_client.h"
-#include "pctrl/pctrl_scheduler.h"
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
 #include "test_util.h"
@@ -24,34 +21,7 @@ using namespace zor_test;
 
 const std::string kClean = R"([ -f /proc/zor/ctrl ] && echo "pc rule clean" > /proc/zor/ctrl)";
 
-void set_socket(const std::string& path) {
-    memset(qmxsrv_ctx.ipc_socket, 0, sizeof qmxsrv_ctx.ipc_socket);
-    memcpy(qmxsrv_ctx.ipc_socket, path.data(), std::min(path.size(), sizeof qmxsrv_ctx.ipc_socket - 1));
-}
-
-class IpcServer : public ::testing::Test {
-protected:
-    void SetUp() override {
-        set_socket(sock_);
-        qmxsrv_ctx.running = 1;
-        qmxsrv_ctx.cloud_enabled = 1;
-        qmxsrv_ctx.pctrl_enabled = 0;
-        qmxsrv_ctx_set_pc_rule(nullptr);
-        ASSERT_EQ(ipc_srv_start(), 1);
-    }
-    void TearDown() override {
-        ipc_srv_stop();
-        pctrl_sched_stop();
-        qmxsrv_ctx.pctrl_enabled = 0;
-        qmxsrv_ctx_set_pc_rule(nullptr);
-    }
-    ipc_reply call(int32_t cmd, const std::string& buf = "", int32_t type = 0) { return ipc_call(sock_, cmd, buf, type); }
-
-    temp_dir dir_;
-    log_capture log_;
-    cmd_recorder rec_;
-    std::string sock_ = dir_.file(".ipc.socket");
-};
+using IpcServer = ipc_server_fixture;
 
 // The reply record lives as long as the command thread: each command writes
 // only its own part, so every step is checked against the record before it.
@@ -133,21 +103,6 @@ TEST_F(IpcServer, RuleFileIsAppliedAtOnceAndClearForgetsIt) {
     EXPECT_EQ(rec_.lines(), (std::vector<std::string>{kClean, lines[1], kClean}));
 }
 
-TEST_F(IpcServer, EnableTwiceStartsSchedulerOnceAndDisableWhenOffDoesNothing) {
-    std::string path = dir_.file("rules.json");
-    ASSERT_TRUE(write_file(path, R"({"1": {"mac": "aabbccddeeff", "cn": "1"}})"));
-    qmxsrv_ctx_set_pc_rule(path.c_str());
-    for (int32_t cmd : {IPC_CMD_PC_ENABLE, IPC_CMD_PC_ENABLE}) EXPECT_EQ(call(cmd).result, 0);
-    EXPECT_EQ(qmxsrv_ctx.pctrl_enabled.load(), 1);
-    ASSERT_TRUE(rec_.wait_for("pc rule add", 1));
-    for (int32_t cmd : {IPC_CMD_PC_DISABLE, IPC_CMD_PC_DISABLE}) EXPECT_EQ(call(cmd).result, 0);
-    EXPECT_EQ(qmxsrv_ctx.pctrl_enabled.load(), 0);
-    // One apply at start, one clean at the one stop.
-    EXPECT_EQ(rec_.count_with("pc rule clean"), 2u);
-    EXPECT_EQ(rec_.count_with("pc rule add"), 1u);
-    EXPECT_EQ(rec_.lines().back(), kClean);
-}
-
 TEST_F(IpcServer, ShortAndEmptyRequestsNeverStopTheServer) {
     const unsigned char short_req[3] = {10, 0, 0};
     EXPECT_EQ(ipc_call_raw(sock_, short_req, sizeof short_req).size(), sizeof(ipc_reply));
@@ -171,33 +126,29 @@ TEST_F(IpcServer, StopInterruptsAWaitForARequestAndRemovesTheSocket) {
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
     EXPECT_FALSE(file_exists(sock_));
     EXPECT_TRUE(log_.contains("[D] Remove socket: " + sock_));
-    ipc_srv_stop();
-    EXPECT_FALSE(ipc_socket(sock_).ok());
+    ipc_srv_stop();  // safe twice
 }
 
 TEST_F(IpcServer, StartRebindsOverALeftOverFileAndRefusesBadPaths) {
     ipc_srv_stop();
     ASSERT_TRUE(write_file(sock_, "left over"));
     ASSERT_EQ(ipc_srv_start(), 1);
-    struct stat st;
-    ASSERT_EQ(stat(sock_.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(call(IPC_CMD_CLOUD_ENABLE).result, 0);
     ipc_srv_stop();
 
-    set_socket("");
+    ipc_set_socket("");
     EXPECT_EQ(ipc_srv_start(), 0);
     EXPECT_TRUE(log_.contains("[E] IPC socket does not be set."));
     std::string path107 = dir_.path() + "/";  // the address holds 107 bytes and a terminator
     path107.append(107 - path107.size(), 's');
-    set_socket(path107);
+    ipc_set_socket(path107);
     EXPECT_EQ(ipc_srv_start(), 1);
     ipc_srv_stop();
-    set_socket(path107 + "s");
+    ipc_set_socket(path107 + "s");
     EXPECT_EQ(ipc_srv_start(), 0);
     EXPECT_TRUE(log_.contains("too long"));
     EXPECT_FALSE(file_exists(path107 + "s"));
-    set_socket(sock_);
+    ipc_set_socket(sock_);
 }
 
 }  // namespace
