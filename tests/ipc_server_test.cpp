@@ -88,21 +88,6 @@ TEST_F(IpcServer, EachCommandWritesOnlyItsPartOfTheReply) {
     EXPECT_TRUE(log_.contains(R"([D] Send: {"q":[[20,"example.com",1,2]]})"));
 }
 
-TEST_F(IpcServer, RuleFileIsAppliedAtOnceAndClearForgetsIt) {
-    std::string path = dir_.file("rules.json");
-    ASSERT_TRUE(write_file(path, R"({"4": {"mac": "aabbccddeeff", "cn": "12"}})"));
-    EXPECT_EQ(call(IPC_CMD_PC_SET_RULE, path).result, 0);
-    EXPECT_EQ(qmxsrv_ctx_pc_rule(), path);
-    EXPECT_TRUE(log_.contains("[D] set rule: " + path));
-    auto lines = rec_.lines();
-    ASSERT_EQ(lines.size(), 2u);  // applied although parental control is off
-    EXPECT_EQ(lines[0], kClean);
-    EXPECT_NE(lines[1].find("pc rule add 1 aabbccddeeff 12 0 0"), std::string::npos) << lines[1];
-    call(IPC_CMD_PC_CLEAR_RULE);
-    EXPECT_EQ(qmxsrv_ctx_pc_rule(), "");
-    EXPECT_EQ(rec_.lines(), (std::vector<std::string>{kClean, lines[1], kClean}));
-}
-
 TEST_F(IpcServer, ShortAndEmptyRequestsNeverStopTheServer) {
     const unsigned char short_req[3] = {10, 0, 0};
     EXPECT_EQ(ipc_call_raw(sock_, short_req, sizeof short_req).size(), sizeof(ipc_reply));
