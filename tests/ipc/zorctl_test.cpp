@@ -93,23 +93,13 @@ TEST_F(Zorctl, BadCommandLinesAreRefusedBeforeSending) {
         EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     }
     EXPECT_FALSE(log_.contains("Receive command"));
-    // A good ini names the socket under its writable root.
-    ASSERT_TRUE(write_file(dir_.file("zor.ini"), "[zor]\nwritable_root = " + dir_.path() + "\n"));
-    EXPECT_EQ(run_zorctl({"-i", dir_.file("zor.ini"), "cloud", "off"}).status, 0);
-    EXPECT_EQ(qmxsrv_ctx.cloud_enabled.load(), 0);
 }
 
-TEST_F(Zorctl, MissingRefusingOrMuteServiceExitsThreeOrFour) {
+TEST_F(Zorctl, MissingOrMuteServiceExitsThreeOrFour) {
     std::string none = dir_.file("none.socket");
     zorctl_result r = run_zorctl({"-s", none, "status"});
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.err, "zorctl: no service socket at " + none + " (is zor_service running?)\n");
-
-    std::string stale = dir_.file("stale.socket");  // its service is gone
-    ASSERT_TRUE(zor_test::ipc_socket(stale, true).ok());
-    r = run_zorctl({"-s", stale, "status"});
-    EXPECT_EQ(r.status, 3);
-    EXPECT_NE(r.err.find("connection refused at " + stale), std::string::npos) << r.err;
 
     zor_test::ipc_socket mute(dir_.file("mute.socket"), true);  // reads the request, closes
     ASSERT_TRUE(mute.ok());
