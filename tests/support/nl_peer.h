@@ -41,11 +41,11 @@ inline bytes genl_msg(uint16_t type, uint8_t cmd) {
 
 // Appends an attribute, padded to four bytes, and updates nlmsg_len.
 inline bytes& put_attr(bytes& b, uint16_t type, const void* data, size_t len) {
-    const size_t at = b.size();
-    b.resize(at + ((4 + len + 3) & ~size_t{3}), 0);
-    put16(b, at, static_cast<uint16_t>(4 + len));
-    put16(b, at + 2, type);
-    memcpy(&b[at + 4], data, len);
+    const uint16_t head[2] = {static_cast<uint16_t>(4 + len), type};
+    const auto *h = reinterpret_cast<const uint8_t*>(head), *d = static_cast<const uint8_t*>(data);
+    b.insert(b.end(), h, h + 4);
+    b.insert(b.end(), d, d + len);
+    b.resize((b.size() + 3) & ~size_t{3}, 0);
     put32(b, 0, static_cast<uint32_t>(b.size()));
     return b;
 }
