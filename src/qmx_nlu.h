@@ -4,7 +4,8 @@
 // is known and every 5 s afterwards; each controller reply stores the id and
 // tells the module our port ("env server_port <port>"). A receive thread
 // hands every event record of the family to the callback, on the receive
-// thread. All integers on this channel are in host byte order.
+// thread; the socket's receive queue is enlarged to 1 MiB, since the module
+// drops what does not fit. All integers on this channel are in host byte order.
 //
 // Datagram layouts (offsets from the start of the netlink message):
 //   family request:   nlmsghdr{36, type 16, flags 1, seq 0, pid 0},

@@ -1,0 +1,17 @@
+// zor_service_soak: zor_service with its cache and log cleaners on periods
+// fixed at build time (ZOR_SOAK_CACHE_CLEAN_MS, ZOR_SOAK_LOG_CLEAN_MS), so that
+// a soak of minutes sees as many cleaner passes as days of service would.
+// The shipped binary always runs them every 5 and 60 seconds; this one exists
+// only in the build tree, for scripts/soak.sh.
+#include <chrono>
+
+#include "log.h"
+#include "qmx_db.h"
+
+int zor_service_main(int argc, char** argv);
+
+int main(int argc, char** argv) {
+    db_set_clean_interval(std::chrono::milliseconds(ZOR_SOAK_CACHE_CLEAN_MS));
+    log_set_clean_interval(std::chrono::milliseconds(ZOR_SOAK_LOG_CLEAN_MS));
+    return zor_service_main(argc, argv);
+}
