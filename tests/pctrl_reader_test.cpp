@@ -83,28 +83,18 @@ TEST_F(PctrlReader, BadRuleIsReportedAndSkipped) {
     } cases[] = {
         {R"({"mac": "aabbccddeeff", "cn": "1"})", "The ID is invalid", nullptr, "07a"},
         {R"({"cn": "1"})", "The MAC is invalid", "MAC ="},
-        {R"({"mac": 5, "cn": "1"})", "The MAC is invalid", "MAC ="},
-        {R"({"mac": "", "cn": "1"})", "MAC = "},
         {R"({"mac": "aa:bb:cc:dd:ee", "cn": "1"})", "MAC = aa:bb:cc:dd:ee"},
-        {"17", "The MAC is invalid"},
         {R"({"mac": "aabbccddeeff"})", "The Content is invalid"},
-        {R"({"mac": "aabbccddeeff", "cn": 4, "dn": null})", "The Content is invalid"},
         {scheduled("[]"), "The Schedule is invalid"},
         {scheduled(R"({"type": "0", "from": "", "to": ""})"), "The Schedule type is invalid"},
-        {scheduled(R"({"type": 0, "to": ""})"), "The Schedule from time is invalid"},
         {scheduled(R"({"type": 0, "from": "", "to": 5})"), "The Schedule to time is invalid"},
         {scheduled(range("2024-1-1", "2024-1-9 0:0")), "The Schedule from time format is invalid"},
-        {scheduled(range("2024-1-1 0:0", "soon")), "The Schedule to time format is invalid"},
-        {scheduled(range("2023-12-20 8:00", "2024-1-2 23:59")), "The range schedule id 9 is not today"},
         {scheduled(range("2024-1-2 8:00", "2024-1-3 0:00")), "The range schedule id 9 is not today"},
-        {scheduled(range("2024-1-4 0:00", "2024-1-5 0:00")), "The range schedule id 9 is not today"},
         {scheduled(period("8:00", "9:00", R"("weekly": [0, 6], "monthly": [3])")),
          "The weekly schedule id 9 is not today"},
-        {scheduled(period("8:00", "9:00", R"("weekly": ["3"])")), "The weekly schedule id 9 is not today"},
         {scheduled(period("8:00", "9:00", R"("weekly": [], "monthly": {})")),
          "The period schedule is invalid: rule id 9"},
         {scheduled(period("8:00", "9:00", R"("monthly": [1, 31])")), "The monthly schedule id 9 is not today"},
-        {scheduled(period("8", "9:00", R"("weekly": [3])")), "The period from time is invalid: rule id 9"},
         {scheduled(period("8:00", "nine", R"("weekly": [3])")), "The period to time is invalid: rule id 9"},
         {scheduled(R"({"type": 2, "from": "8:00", "to": "9:00", "weekly": [3]})"), nullptr, "[D] The"},
     };
@@ -124,19 +114,9 @@ TEST_F(PctrlReader, BadRuleIsReportedAndSkipped) {
 }
 
 TEST_F(PctrlReader, MacRule) {
-    const struct {
-        std::string mac;
-        int valid;
-    } cases[] = {
-        {"aabbccddeeff", 1}, {"AA:BB:CC:DD:EE:FF", 1}, {"aa-bb:cc-dd:ee-ff", 1}, {"aabbccddeeff-junk", 1},
-        {"aab:b:cc:dd:ee:ff", 1},  // a separator after an odd digit still counts
-        {"aabbccddeeff:", 1},      // a separator out of place ends the scan
-        {std::string(40, 'z') + "a$:bb:cc:dd:ee:f:ff", 1}, {"aa:bb:cc:dd:ee", 0}, {"aa:bb:cc:dd:ee:ff:00", 0},
-        {":aa:bb:cc:dd:ee:ff", 0},  // a separator before any digit
-        {"aa bb cc dd ee ff", 0},   // other characters spoil the grouping
-        {"aa:bb:cc:dd:ee:fg", 0}, {"aabbccddeeff ", 0}, {"aabb:ccddeeff", 0}, {"aa:bbccddeeff", 0}, {"", 0},
-    };
-    for (const auto& c : cases) EXPECT_EQ(pctrl_mac_valid(c.mac.c_str()), c.valid) << c.mac;
+    for (auto [mac, valid] : {std::pair{"aa-bb:cc-dd:ee-ff", 1}, {"aab:b:cc:dd:ee:ff", 1}, {":aa:bb:cc:dd:ee:ff", 0},
+                              {"aa:bb:cc:dd:ee:fg", 0}, {"aabb:ccddeeff", 0}, {"aa:bb:cc:dd:ee:ff:00", 0}})
+        EXPECT_EQ(pctrl_mac_valid(mac), valid) << mac;
     EXPECT_EQ(pctrl_mac_valid(nullptr), 0);
 }
 
@@ -144,27 +124,17 @@ TEST_F(PctrlReader, MacRule) {
 // above) hold local wall-clock times of the zone, daylight saving included;
 // a period ending before it starts is not wrapped.
 TEST_F(PctrlReader, ScheduleTimesOfTheDay) {
-    const time_t noon = utc(2024, 1, 1, 12), wed = utc(2024, 1, 3, 10), sat = utc(2024, 1, 6, 10),
-                 sun = utc(2024, 1, 7, 10), jan31 = utc(2024, 1, 31, 10);
-    auto at = [](time_t day, int h, int m) { return day - day % 86400 + h * 3600 + m * 60; };
-    auto p = [](const char* days) { return period("7:05", "21:30", days); };
     const struct {
         time_t now;
         std::string schedule;
         time_t from, to;
         const char* zone = "UTC0";
     } cases[] = {
-        {noon, range("2024-1-1 0:0", "2024-1-1 0:0"), utc(2024, 1, 1), utc(2024, 1, 1)},
-        {noon, range("2023-12-25 6:30", "2024-1-7 20:15"), utc(2023, 12, 25, 6, 30), utc(2024, 1, 7, 20, 15)},
-        {noon, range("2024-1-1 23:59", "2024-1-2 1:0"), utc(2024, 1, 1, 23, 59), utc(2024, 1, 2, 1)},
-        {noon, range("2024-1-1 18:00", "2023-1-1 0:0"), utc(2024, 1, 1, 18), utc(2023, 1, 1)},
-        {sat, p(R"("weekly": [0, 6])"), at(sat, 7, 5), at(sat, 21, 30)},
-        {sun, p(R"("weekly": [0, 6])"), at(sun, 7, 5), at(sun, 21, 30)},
-        {wed, p(R"("weekly": [3.9])"), at(wed, 7, 5), at(wed, 21, 30)},  // fraction truncated
-        {wed, p(R"("weekly": [], "monthly": [3])"), at(wed, 7, 5), at(wed, 21, 30)},
-        {sat, p(R"("weekly": "6", "monthly": [6])"), at(sat, 7, 5), at(sat, 21, 30)},
-        {jan31, p(R"("monthly": [30, 31])"), at(jan31, 7, 5), at(jan31, 21, 30)},
-        {sat, period("22:00", "6:00", R"("weekly": [6])"), utc(2024, 1, 6, 22), utc(2024, 1, 6, 6)},
+        {utc(2024, 1, 1, 12), range("2023-12-25 6:30", "2024-1-7 20:15"), utc(2023, 12, 25, 6, 30),
+         utc(2024, 1, 7, 20, 15)},
+        {utc(2024, 1, 31, 10), period("7:05", "21:30", R"("monthly": [30, 31])"), utc(2024, 1, 31, 7, 5),
+         utc(2024, 1, 31, 21, 30)},
+        {utc(2024, 1, 6, 10), period("22:00", "6:00", R"("weekly": [6])"), utc(2024, 1, 6, 22), utc(2024, 1, 6, 6)},
         // 31 March 2024: clocks go from 02:00 CET to 03:00 CEST.
         {utc(2024, 3, 31, 10), period("1:00", "4:00", R"("weekly": [0])"), utc(2024, 3, 31, 0),
          utc(2024, 3, 31, 2), "Europe/Berlin"},
@@ -185,36 +155,28 @@ TEST_F(PctrlReader, ScheduleTimesOfTheDay) {
 
 // Only regular files are read: a FIFO nobody writes would block the reader
 // (the command thread or the midnight run) for ever, a device may never end.
-TEST_F(PctrlReader, MissingOrNotRegularFilesAreRefusedAtOnce) {
+// A file that fails drops the earlier set; JSON that is not an object of
+// rules gives an empty one.
+TEST_F(PctrlReader, FilesThatCannotBeReadOrParsed) {
     log_capture log;
     pin(utc(2024, 1, 1, 12));
     const std::string fifo = dir_.file("rules.fifo");
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    for (const std::string& path : {dir_.file("none.json"), fifo, dir_.path(), std::string("/dev/zero")}) {
+    for (const std::string& path : {dir_.file("none.json"), fifo, std::string("/dev/zero")}) {
         auto start = std::chrono::steady_clock::now();
         EXPECT_EQ(pctrl_read_rules(path.c_str(), &holder_), -1) << path;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << path;
         EXPECT_TRUE(log.contains("[E] Open file error: " + path)) << path;
     }
-}
-
-// A file that fails drops the earlier set; JSON that is not an object of
-// rules gives an empty one.
-TEST_F(PctrlReader, WholeFileContents) {
-    log_capture log;
-    pin(utc(2024, 1, 1, 12));
-    for (const std::string& text : {std::string(), std::string("{\"1\": {\"mac\": "),
-                                    std::string(PCTRL_RULE_FILE_MAX + 1, ' ')}) {
+    for (const std::string& text : {std::string("{\"1\": {\"mac\": "), std::string(PCTRL_RULE_FILE_MAX + 1, ' ')}) {
         ASSERT_EQ(read(R"({"1": {"mac": "aabbccddeeff", "cn": "1"}})"), 0);
         EXPECT_EQ(read(text), -1) << text.size();
         EXPECT_EQ(holder_.list, nullptr) << text.size();
     }
     EXPECT_TRUE(log.contains("[E] The following rule string is not JSON format:"));
-    for (const char* json : {"[]", R"([{"mac": "aabbccddeeff", "cn": "1"}])", "{}", "3"}) {
-        ASSERT_EQ(read(json), 0) << json;
-        ASSERT_NE(holder_.list, nullptr) << json;
-        EXPECT_EQ(list_count(holder_.list), 0u) << json;
-    }
+    ASSERT_EQ(read(R"([{"mac": "aabbccddeeff", "cn": "1"}])"), 0);
+    ASSERT_NE(holder_.list, nullptr);
+    EXPECT_EQ(list_count(holder_.list), 0u);
 }
 
 }  // namespace

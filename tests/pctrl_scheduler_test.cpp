@@ -5,12 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <limits>
 #include <optional>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "cmd_recorder.h"
 #include "pctrl_fixture.h"
@@ -31,11 +28,7 @@ std::atomic<time_t> fake_now{0};
 
 // Waits until the log holds a line with `text`.
 bool logged(const log_capture& log, const std::string& text) {
-    for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;) {
-        if (log.contains(text)) return true;
-        std::this_thread::sleep_for(2ms);
-    }
-    return false;
+    return zor_test::eventually([&] { return log.contains(text); });
 }
 
 class PctrlScheduler : public zor_test::pctrl_test {
@@ -80,7 +73,7 @@ TEST_F(PctrlScheduler, ApplySendsExactCommandLines) {
         {R"({"1": {"mac": "aabbccddeeff", "cn": "1",
              "schedule": {"type": 1, "from": "8:00", "to": "9:00", "weekly": [1]}}})",
          {kClean}},
-        {std::nullopt, {}}, {"", {}}, {"not json", {}}, {"{\"1\": ", {}},
+        {std::nullopt, {}}, {"not json", {}},
     };
     cmd_recorder rec;
     pctrl_apply_rules();  // no rule file set
@@ -97,31 +90,15 @@ TEST_F(PctrlScheduler, ApplySendsExactCommandLines) {
     }
 }
 
-// Started twice it runs once; a stop joins it at once out of a long wait
-// and cleans once; a second stop, like one before any start, sends nothing.
-TEST_F(PctrlScheduler, StartAppliesOnceAndStopCleansOnce) {
+// Started (twice: it runs once) just before midnight, the scheduler applies,
+// sleeps until midnight on the rule clock and applies again; a stop joins it
+// at once out of the day-long wait and cleans once; a second stop, like one
+// before any start, sends nothing.
+TEST_F(PctrlScheduler, AppliesAtStartAndJustAfterMidnightAndStopsAtOnce) {
     log_capture log;
     cmd_recorder rec;
     pctrl_sched_stop();
-    EXPECT_TRUE(log.contains("[D] pctrl_sched_stop"));
     EXPECT_TRUE(rec.lines().empty());
-    set_rules(R"({"1": {"mac": "aabbccddeeff", "cn": "4"}})");
-    pctrl_sched_start();
-    pctrl_sched_start();
-    ASSERT_TRUE(rec.wait_for("pc rule add", 1));
-    ASSERT_TRUE(logged(log, "Sleep seconds: 43200"));
-    auto t0 = std::chrono::steady_clock::now();
-    pctrl_sched_stop();  // interrupts a wait of 43200 test seconds
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
-    pctrl_sched_stop();
-    EXPECT_EQ(rec.lines(), (lines{kClean, add_line("1 aabbccddeeff 4 0 0"), kClean}));
-    EXPECT_TRUE(log.contains("[D] Start parental control scheduler ..."));
-    EXPECT_TRUE(log.contains("[I] pctrl_sched stopped"));
-}
-
-TEST_F(PctrlScheduler, AppliesAgainJustAfterMidnight) {
-    log_capture log;
-    cmd_recorder rec;
     set_rules(R"({"1": {"mac": "aabbccddeeff", "cn": "6",
                        "schedule": {"type": 1, "from": "0:00", "to": "23:59", "weekly": [6]}},
                  "2": {"mac": "aabbccddeeff", "cn": "0",
@@ -129,16 +106,22 @@ TEST_F(PctrlScheduler, AppliesAgainJustAfterMidnight) {
     const time_t before = utc(2024, 1, 6, 23, 59, 30), midnight = utc(2024, 1, 7);
     fake_now = before;
     pctrl_sched_start();
-    ASSERT_TRUE(rec.wait_for(" 6 ", 1));
+    pctrl_sched_start();
     ASSERT_TRUE(logged(log, "Sleep seconds: 30"));
     EXPECT_TRUE(log.contains("[I] Today epoch: " + std::to_string(before)));
     EXPECT_TRUE(log.contains("[I] Excepted next epoch: " + std::to_string(midnight)));
-    EXPECT_EQ(rec.count_with(" 0 " + std::to_string(midnight)), 0u);  // Sunday's rule not yet
+    EXPECT_EQ(rec.lines().size(), 2u);  // Sunday's rule not yet
     fake_now = midnight + 1;
-    ASSERT_TRUE(rec.wait_for("pc rule add 1 aabbccddeeff 0 " + std::to_string(midnight), 1));
     ASSERT_TRUE(logged(log, "Sleep seconds: 86399"));
+    auto t0 = std::chrono::steady_clock::now();
+    pctrl_sched_stop();  // interrupts a wait of 86399 test seconds
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
     pctrl_sched_stop();
-    EXPECT_EQ(rec.lines().back(), kClean);
+    auto day = [](time_t from) { return std::to_string(from) + " " + std::to_string(from + 86340); };
+    EXPECT_EQ(rec.lines(), (lines{kClean, add_line("1 aabbccddeeff 6 " + day(midnight - 86400)), kClean,
+                                  add_line("1 aabbccddeeff 0 " + day(midnight)), kClean}));
+    EXPECT_TRUE(log.contains("[D] Start parental control scheduler ..."));
+    EXPECT_TRUE(log.contains("[I] pctrl_sched stopped"));
 }
 
 // The scheduler re-applies every test second just before midnight while the
@@ -166,32 +149,21 @@ TEST_F(PctrlScheduler, SchedulerAndCommandAppliesDoNotInterleave) {
     other.join();
     ASSERT_TRUE(rec.wait_for("pc rule clean", 25));  // the scheduler's applies too
     pctrl_sched_stop();
-    auto got = rec.lines();
-    ASSERT_EQ(got.back(), kClean);  // the stop's
-    got.pop_back();
-    ASSERT_EQ(got.size() % 3, 0u);
-    const std::string first = add_line("1 aabbccddeeff 1 " + std::to_string(midnight - 86400) + " " +
-                                       std::to_string(midnight - 60));
-    for (size_t i = 0; i < got.size(); i += 3) {
-        EXPECT_EQ(got[i], kClean) << i;
-        EXPECT_EQ(got[i + 1], first) << i;
-        EXPECT_EQ(got[i + 2], add_line("2 aabbccddeeff games.example 0 0")) << i;
-    }
+    const lines got = rec.lines(), apply = {kClean, add_line("1 aabbccddeeff 1 " + std::to_string(midnight - 86400) +
+                                                             " " + std::to_string(midnight - 60)),
+                                            add_line("2 aabbccddeeff games.example 0 0")};
+    ASSERT_EQ(got.size() % 3, 1u);  // whole applies, then the stop's clean
+    for (size_t i = 0; i < got.size(); ++i) EXPECT_EQ(got[i], apply[i % 3]) << i;
 }
 
+// Days of 23 and 25 hours around the daylight saving switches.
 TEST_F(PctrlScheduler, NextMidnightIsTheComingLocalMidnight) {
     const struct {
         const char* zone;
         time_t now, next;
     } cases[] = {
-        {"UTC0", utc(2024, 1, 31, 23, 59, 30), utc(2024, 2, 1)},  // month end
-        {"UTC0", utc(2024, 2, 28, 12), utc(2024, 2, 29)},         // leap day
-        {"UTC0", utc(2023, 12, 31, 0, 0, 1), utc(2024, 1, 1)},
-        {"UTC0", utc(2024, 3, 1), utc(2024, 3, 2)},  // at midnight
-        {"Asia/Tokyo", utc(2024, 4, 30, 15), utc(2024, 5, 1, 15)},
         {"Europe/Berlin", utc(2024, 3, 30, 23, 30), utc(2024, 3, 31, 22)},  // spring forward
         {"Europe/Berlin", utc(2024, 10, 26, 22), utc(2024, 10, 27, 23)},    // fall back
-        {"America/New_York", utc(2024, 11, 1), utc(2024, 11, 1, 4)},
         {"America/New_York", utc(2024, 11, 3, 4, 30), utc(2024, 11, 4, 5)},
     };
     for (const auto& c : cases) {

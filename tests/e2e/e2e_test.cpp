@@ -3,7 +3,6 @@
 // kernel module would have seen (the lines written into its control file,
 // the modules loaded), what the shell ran, or what the cloud was asked.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -16,8 +15,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using lines = std::vector<std::string>;
-
-const std::string kGuard = "[ -f /proc/zor/ctrl ] && echo \"", kTail = "\" > /proc/zor/ctrl";
 
 std::string joined(const lines& all) {
     std::string s;
@@ -87,83 +84,30 @@ TEST_F(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
     }
 }
 
-// Before the family is known, events are not the service's business; the
-// announcement is answered with the service's port, once, and events are
-// reported back as being resolved, in order.
-TEST_F(EndToEnd, AnnouncedFamilyGetsThePortAndEventsTheirU2k) {
-    sim_world w;
-    ASSERT_TRUE(start(w, {}, false));
-    ASSERT_EQ(w.kernsim({"domain", "early.example"}), 0);
-    std::string err;
-    ASSERT_TRUE(w.announce(err)) << err << "\n" << w.service_log();
-    const std::string port = "env server_port " + std::to_string(w.pid());
-    auto cmds = w.commands();
-    EXPECT_NE(std::find(cmds.begin(), cmds.end(), kGuard + port + kTail), cmds.end()) << joined(cmds);
-    ASSERT_EQ(w.kernsim({"domain", "www.example.com", ";", "addr", "192.0.2.1", ";", "addr", "192.0.2.2",
-                         "type=22"}),
-              0);
-    ASSERT_TRUE(w.wait_ctrl_count("db key2group u2k", 3)) << joined(w.ctrl_lines());
-    EXPECT_EQ(w.ctrl_lines(), (lines{port, "db key2group u2k 20 www.example.com",
-                                     "db key2group u2k 21 192.0.2.1", "db key2group u2k 22 192.0.2.2"}));
-}
-
-// Keys that are shell syntax reach the kernel as text, as u2k and again in
-// their verdicts. A backslash never reaches echo: some shells' echo reads
-// "\n" in its argument as a line break (a second control line) and "\c" as
-// its end; such keys and keys with control bytes are dropped.
-TEST_F(EndToEnd, HostileKeysNeverRunAnythingButTheIntendedCommand) {
-    sim_world w;
-    ASSERT_TRUE(start(w));
-    const std::string d = w.dir();
-    const lines keys = {"a.com\"; touch " + d + "/pwned1; \"", "$(touch " + d + "/pwned2)",
-                        "`touch " + d + "/pwned3`", "fence.example"};
-    lines args, want_u2k;
-    for (const std::string& k : keys) want_u2k.push_back("db key2group u2k 20 " + k);
-    for (const std::string& k : {"x\\\"; touch " + d + "/pwned4 #", std::string("${IFS}$$'\\"),
-                                 std::string("evil\\npc rule clean"), std::string("ctl\x01key")})
-        args.insert(args.end(), {"domain", k, ";"});
-    for (const std::string& k : keys) args.insert(args.end(), {"domain", k, ";"});
-    args.pop_back();
-    ASSERT_EQ(w.kernsim(args), 0);
-    ASSERT_TRUE(w.wait_ctrl("db key2group u2k 20 fence.example")) << joined(w.ctrl_lines());
-    std::this_thread::sleep_for(300ms);
-    ASSERT_EQ(w.kernsim({"wake"}), 0);
-    for (const std::string& k : keys)
-        EXPECT_TRUE(w.wait_ctrl("db key2group update 1 20 " + k + " 86400 0 0")) << k;
-    lines u2k;
-    for (const std::string& l : w.ctrl_lines()) {
-        if (l.rfind("db key2group u2k", 0) == 0) u2k.push_back(l);
-        EXPECT_EQ(l.find("ctl"), std::string::npos) << "a key with a control byte reached the kernel: " << l;
-        EXPECT_EQ(l.find('\\'), std::string::npos) << "a key with a backslash reached the kernel: " << l;
-        EXPECT_EQ(l.find("pc rule clean"), std::string::npos) << "a key wrote a control line of its own: " << l;
-    }
-    EXPECT_EQ(u2k, want_u2k);
-    struct stat st;
-    for (int i = 1; i <= 4; ++i) EXPECT_NE(stat((d + "/pwned" + std::to_string(i)).c_str(), &st), 0) << i;
-    for (const std::string& c : w.commands()) {
-        bool module_line =
-            c.rfind("lsmod | grep -w ^", 0) == 0 || c.rfind("[ ! -f /proc/zor/ctrl ] && insmod ", 0) == 0;
-        bool ctrl_line = c.rfind(kGuard, 0) == 0 && c.size() > kGuard.size() + kTail.size() &&
-                         c.compare(c.size() - kTail.size(), kTail.size(), kTail) == 0;
-        EXPECT_TRUE(module_line || ctrl_line) << "unexpected command: " << c;
-    }
-    EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
-}
-
-// Bit 0 on an event sends the pending keys in one query, newest first; the
-// verdicts come back with source 1 and the ttl in seconds (none known: a
-// day). A key asked again is answered from the cache: the next query holds
-// only the key after it.
-TEST_F(EndToEnd, UnknownKeysAreAnsweredFromTheCloudThenTheCache) {
+// The announcement is answered with the service's port and events are
+// reported back as being resolved, in order. A key the category file knows
+// is answered with source 2 and a day's ttl; bit 0 on an event sends the
+// pending keys in one query, newest first, and the verdicts come back with
+// source 1 and the ttl in seconds (none known: a day). A key asked again is
+// answered from the cache: the next query holds only the key after it.
+TEST_F(EndToEnd, KeysAreAnsweredFromTheCategoryFileTheCloudAndTheCache) {
+    if (std::string(e2e_paths::xdbc()).empty()) GTEST_SKIP() << "xdbc is not part of this build";
     std::string err;
     ASSERT_TRUE(cloud.apply("category news.example 3 4 2\ncategory 192.0.2.10 7 1 5\n", &err)) << err;
     sim_world w;
-    ASSERT_TRUE(start(w));
-    ASSERT_EQ(w.kernsim({"domain", "www.news.example", ";", "addr", "192.0.2.10", ";", "domain",
-                         "nobody.example", "flags=1"}),
+    const std::string source = w.dir() + "/categories.src", xdb = w.dir() + "/categories.xdb";
+    std::ofstream(source) << "# pattern id\n.local.example 0x0305\n198.51.100.7 0x0102\n";
+    ASSERT_EQ(sim_world::xdbc_build(source, xdb), 0) << joined(w.lines_of("categories.xdb.log"));
+    ASSERT_TRUE(start(w, {.xdb = xdb}));
+    const lines keys = {"20 www.news.example", "21 192.0.2.10", "20 www.local.example", "21 198.51.100.7",
+                        "20 nobody.example", "20 www.news.example", "20 fence.example"};
+    ASSERT_EQ(w.kernsim({"domain", "www.news.example", ";", "addr", "192.0.2.10", ";", "domain", "www.local.example",
+                         ";", "addr", "198.51.100.7", ";", "domain", "nobody.example", "flags=1"}),
               0);
     const lines verdicts = {"db key2group update 1 20 www.news.example 7200 3 4",
                             "db key2group update 1 21 192.0.2.10 18000 7 1",
+                            "db key2group update 2 20 www.local.example 86400 3 5",
+                            "db key2group update 2 21 198.51.100.7 86400 1 2",
                             "db key2group update 1 20 nobody.example 86400 0 0"};
     for (const std::string& v : verdicts) EXPECT_TRUE(w.wait_ctrl(v)) << v << "\n" << joined(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "www.news.example", "flags=1"}), 0);
@@ -173,26 +117,13 @@ TEST_F(EndToEnd, UnknownKeysAreAnsweredFromTheCloudThenTheCache) {
     EXPECT_EQ(queries(), (lines{R"({"q":[[20,"nobody.example",0,0],[21,"192.0.2.10",0,0],)"
                                 R"([20,"www.news.example",0,0]]})",
                                 R"({"q":[[20,"fence.example",0,0]]})"}));
-    EXPECT_EQ(w.ctrl_count("db key2group u2k 20 www.news.example"), 2u);
-    EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
-}
-
-// A key the category file knows is answered with source 2 and a day's ttl;
-// a name off the label boundary goes to the cloud, alone.
-TEST_F(EndToEnd, CategoryFileHitIsAnsweredLocally) {
-    if (std::string(e2e_paths::xdbc()).empty()) GTEST_SKIP() << "xdbc is not part of this build";
-    sim_world w;
-    const std::string source = w.dir() + "/categories.src", xdb = w.dir() + "/categories.xdb";
-    std::ofstream(source) << "# pattern id\n.local.example 0x0305\n198.51.100.7 0x0102\n";
-    ASSERT_EQ(sim_world::xdbc_build(source, xdb), 0) << joined(w.lines_of("categories.xdb.log"));
-    ASSERT_TRUE(start(w, {.xdb = xdb}));
-    ASSERT_EQ(w.kernsim({"domain", "www.local.example", ";", "addr", "198.51.100.7"}), 0);
-    ASSERT_TRUE(w.wait_ctrl("db key2group update 2 20 www.local.example 86400 3 5")) << joined(w.ctrl_lines());
-    ASSERT_TRUE(w.wait_ctrl("db key2group update 2 21 198.51.100.7 86400 1 2")) << joined(w.ctrl_lines());
-    ASSERT_EQ(w.kernsim({"domain", "notlocal.example", "flags=1"}), 0);
-    ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 notlocal.example 86400 0 0")) << joined(w.ctrl_lines());
-    EXPECT_EQ(queries(), lines{R"({"q":[[20,"notlocal.example",0,0]]})"});
+    lines want = {"env server_port " + std::to_string(w.pid())}, got;
+    for (const std::string& k : keys) want.push_back("db key2group u2k " + k);
+    for (const std::string& l : w.ctrl_lines())
+        if (l.rfind("db key2group update", 0) != 0) got.push_back(l);
+    EXPECT_EQ(got, want);
     EXPECT_EQ(w.ctrl_count("db key2group update 2"), 2u);
+    EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
 }
 
 // A refused account ends the service with status 0 after unloading its

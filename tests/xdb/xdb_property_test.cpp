@@ -1,8 +1,7 @@
 // The matcher against brute force (xdb_reference.h) on random pattern and
 // address sets: every confirmed record in the documented report order, the
 // first match the domain filter accepts, address rules against plain prefix
-// matching. Then what the comparison does not reach: handler results,
-// streaming, the handed-over text.
+// matching. Then what the comparison does not reach: the handed-over value.
 #include <random>
 
 #include "xdb_test_util.h"
@@ -164,35 +163,15 @@ TEST(XdbProperty, AddressRulesMatchTheMostSpecificCoveringNetwork) {
     EXPECT_GT(hits, checked / 3);
 }
 
-TEST(XacMatch, HandlerResultStreamingAndTheHandedOverText) {
-    category_db_ptr db = load(compile_patterns({{"ab", 1, 0}, {"b", 2, 0}, {"hello", 3, 0}, {"cdefghijkl", 4, 0}}).file);
-    ASSERT_TRUE(db);
-    recorder rec;
-    rec.result = 7;  // a non-zero handler result ends the scan
-    EXPECT_EQ(category_db_match_domain(db.get(), "", 0, recorder::handler, &rec), 0u);
-    xac_scanner_ptr sc = xac_scanner_new(db->tables.get(), recorder::handler, &rec, 1);
-    ASSERT_TRUE(sc);
-    EXPECT_EQ(xac_scan(sc.get(), "ab", 0), 0u);
-    EXPECT_EQ(xac_scan(sc.get(), "ab", 2), 7u);
-    EXPECT_EQ(rec.calls, (std::vector<match>{{1, 2, 2}}));  // "b" never reported
-    // Streaming carries the state and unfinished records across texts.
-    rec = {};
-    sc = xac_scanner_new(db->tables.get(), recorder::handler, &rec, 1);
-    EXPECT_EQ(xac_scan(sc.get(), "xhel", 4) + xac_scan(sc.get(), "lo", 2), 0u);
-    EXPECT_EQ(xac_scan(sc.get(), "zzcdefghij", 10) + xac_scan(sc.get(), "k", 1), 0u);
-    EXPECT_EQ(sc->pending_count, 1u);  // still one postfix byte short
-    EXPECT_EQ(xac_scan(sc.get(), "lm", 2) + xac_scan(sc.get(), "cdefghij", 8) + xac_scan(sc.get(), "X", 1), 0u);
-    EXPECT_EQ(sc->pending_count, 0u);  // "X" disagrees: dropped
-    EXPECT_EQ(rec.calls, (std::vector<match>{{3, 2, 5}, {4, 1, 10}}));
-    EXPECT_TRUE(scan_all(*db, "xhel").empty() && scan_all(*db, "lo").empty());  // each text alone
-    // The address lookup scans at most 25 values and hands over the 4-byte
-    // value it matched; an unparsable address is looked up as 0.0.0.0.
+// The address lookup scans at most 25 values and hands over the 4-byte value
+// it matched; an unparsable address is looked up as 0.0.0.0.
+TEST(XdbProperty, AddressLookupHandsOverTheMatchedValue) {
     uint32_t values[25];
     EXPECT_EQ(xdb_ipv4_prefixes(0xFFFFFFFFu, values), 25);
     EXPECT_EQ(xdb_ipv4_prefixes(0x0A000000u, values), 1);
-    db = load(build_source("10.0.0.0/8 1\n0.0.0.0/8 9\n"));
+    category_db_ptr db = load(build_source("10.0.0.0/8 1\n0.0.0.0/8 9\n"));
     ASSERT_TRUE(db);
-    rec = match_ipv4(*db, "10.200.0.1");
+    const recorder rec = match_ipv4(*db, "10.200.0.1");
     EXPECT_EQ(rec.calls, (std::vector<match>{{1, 4, 4}}));
     EXPECT_EQ(rec.texts, std::vector<std::string>{std::string("\x0a\0\0\0", 4)});
     EXPECT_EQ(match_ipv4(*db, "no.such.address").calls, (std::vector<match>{{9, 4, 4}}));
