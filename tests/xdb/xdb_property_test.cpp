@@ -143,7 +143,8 @@ TEST(XdbProperty, AddressRulesMatchTheMostSpecificCoveringNetwork) {
             const cidr* best = nullptr;
             for (const cidr& c : rules)
                 if (c.covers(a) && (!best || c.prefix > best->prefix)) best = &c;
-            ASSERT_EQ(match_ipv4(*db, dotted(a)).calls, best ? std::vector<match>{{best->id, 4, 4}} : std::vector<match>{})
+            const std::vector<match> want = best ? std::vector<match>{{best->id, 4, 4}} : std::vector<match>{};
+            ASSERT_EQ(match_ipv4(*db, dotted(a)).calls, want)
                 << dotted(a) << "\n" << source;
             hits += best != nullptr;
             ++checked;
