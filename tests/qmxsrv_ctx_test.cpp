@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -50,29 +49,25 @@ protected:
 TEST_F(QmxsrvCtx, LoadFillsEveryFieldAndResetsTheRunState) {
     qmxsrv_ctx.auth_invalid = qmxsrv_ctx.pctrl_enabled = 1;
     qmxsrv_ctx.pid = 99;
-    qmxsrv_ctx_set_pc_rule("/old/rule.json");
     http_mode = 9;
     ASSERT_EQ(load(config("", "xdb = /opt/svc/cat.xdb\nlog_level = 5\nhttp_mode = 0x2\n")),
               std::make_pair(1, std::string("log_level = 5\n")));
     const qmxsrv_ctx_t& c = qmxsrv_ctx;
     EXPECT_EQ(std::make_tuple(c.auth_invalid.load(), c.running.load(), c.cloud_enabled.load(), c.pctrl_enabled.load(),
-                              c.pid, qmxsrv_ctx_pc_rule(), c.log_level, c.db_capacity, http_mode),
-              std::make_tuple(0, 1, 1, 0, 0, std::string(), 5u, 2000, 2));
+                              c.pid, c.log_level, c.db_capacity, http_mode),
+              std::make_tuple(0, 1, 1, 0, 0, 5u, 2000, 2));
     EXPECT_EQ(*c.auth_id + *c.auth_pwd + *c.host + *c.product + *c.root + *c.server + *c.xdb,
               "id-1pw-1host-1prod-1/opt/svc127.0.0.1:8443/opt/svc/cat.xdb");
     EXPECT_EQ(*c.writable_root, writable_root);
     EXPECT_STREQ(c.ipc_socket, (writable_root + "/.ipc.socket").c_str());
-    // Optional keys keep their defaults; an empty xdb is kept as given (loading it fails later, loudly).
+    // Optional keys keep their defaults.
     ASSERT_EQ(load(config()).first, 1);
     EXPECT_TRUE(!qmxsrv_ctx.xdb && http_mode == 0);
-    ASSERT_EQ(load(config("", "xdb =\n")).first, 1);
-    EXPECT_EQ(qmxsrv_ctx.xdb, std::optional<std::string>(""));
 }
 
 TEST_F(QmxsrvCtx, LogLevelCanNeverReachDebug) {
     for (auto [line, level] : {std::pair<const char*, uint32_t>{"log_level = 7\n", 3}, {"log_level = 0x5\n", 5},
-                               {"log_level = -1\n", 3}, {"", 3}, {"log_level = 6\n", 6}, {"log_level = 0\n", 0},
-                               {"log_level = 010\n", 3}, {"log_level = 4294967301\n", 3}}) {
+                               {"", 3}, {"log_level = 6\n", 6}, {"log_level = 010\n", 3}, {"log_level = 4294967301\n", 3}}) {
         EXPECT_EQ(load(config("", line)), std::make_pair(1, "log_level = " + std::to_string(level) + "\n")) << line;
         EXPECT_EQ(qmxsrv_ctx.log_level, level) << line;
     }
@@ -86,17 +81,11 @@ TEST_F(QmxsrvCtx, MissingKeyOrUnreadableFileFailsAndReleasesEverything) {
     }
     // The keys belong to section zor: the same key elsewhere does not count.
     EXPECT_EQ(load("auth_id = a\n[other]\nauth_id = b\n" + config("auth_id")).first, 0);
-    EXPECT_EQ(qmxsrv_ctx_load(nullptr) + qmxsrv_ctx_load(dir.file("missing.ini").c_str()), 0);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(load(config() + "no equals sign\n").first, 0);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("iniparser: syntax error"), std::string::npos);
-    EXPECT_TRUE(all_strings_released());
-    qmxsrv_ctx_release();  // safe twice
+    EXPECT_EQ(qmxsrv_ctx_load(dir.file("missing.ini").c_str()), 0);
     EXPECT_TRUE(all_strings_released());
 }
 
-// Missing parents are made private; an existing root is left as it is; the
-// socket path is cut to 255 characters.
+// Missing parents are made private; the socket path is cut to 255 characters.
 TEST_F(QmxsrvCtx, WritableRootAndSocketPath) {
     mode_t old_mask = umask(022);
     writable_root = dir.file("a/b/c/");
@@ -106,23 +95,10 @@ TEST_F(QmxsrvCtx, WritableRootAndSocketPath) {
     EXPECT_EQ(std::make_tuple(mode_of(dir.file("a")), mode_of(dir.file("a/b")), mode_of(dir.file("a/b/c"))),
               std::make_tuple(0700u, 0700u, 0755u));
     EXPECT_STREQ(qmxsrv_ctx.ipc_socket, (dir.file("a/b/c/") + "/.ipc.socket").c_str());
-    ASSERT_EQ(chmod(writable_root.c_str(), 0711), 0);
-    ASSERT_EQ(load(config()).first, 1);
-    EXPECT_EQ(mode_of(writable_root), 0711u);
     while (writable_root.size() < 300) writable_root += "/" + std::string(40, 'd');
     std::filesystem::create_directories(writable_root);
     ASSERT_EQ(load(config()).first, 1);
     EXPECT_EQ(std::string(qmxsrv_ctx.ipc_socket), (writable_root + "/.ipc.socket").substr(0, 255));
-}
-
-TEST(QmxsrvCtxPcRule, StoresAtMost255CharactersAndClears) {
-    const std::string long_rule(300, 'r');
-    for (auto [set, want] : {std::pair<const char*, std::string>{"/etc/rules.json", "/etc/rules.json"},
-                             {long_rule.c_str(), std::string(255, 'r')}, {"", ""}, {"/x", "/x"},
-                             {nullptr, ""}}) {
-        qmxsrv_ctx_set_pc_rule(set);
-        EXPECT_EQ(qmxsrv_ctx_pc_rule(), want);
-    }
 }
 
 }  // namespace

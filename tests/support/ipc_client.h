@@ -1,12 +1,17 @@
-// Test helper: the client end of the command channel. Connects (or binds a
-// stand-in server end) on a Unix path, sends raw request records and reads
-// whatever comes back until the peer closes.
+// Test helpers for the command channel: the client end (connects, or binds
+// a stand-in server end, on a Unix path, sends raw request records and reads
+// whatever comes back until the peer closes), and a fixture that runs the
+// service's command server for each test.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <string>
 
+#include "cmd_recorder.h"
 #include "ipc/ipc_server.h"
+#include "test_util.h"
 
 namespace zor_test {
 
@@ -36,5 +41,24 @@ ipc_request make_request(int32_t cmd, const std::string& buf = "", int32_t type 
 std::string ipc_call_raw(const std::string& path, const void* data, size_t n);
 // Sends one request; the reply record, zeroed where nothing came back.
 ipc_reply ipc_call(const std::string& path, int32_t cmd, const std::string& buf = "", int32_t type = 0);
+
+// Points the context's command socket at `path` (cut to fit).
+void ipc_set_socket(const std::string& path);
+
+// Runs the command server on sock_ for each test, with the context as at
+// start-up (running, cloud lookups on, parental control off, no rule file),
+// the log captured and shell commands recorded. TearDown stops the server
+// and any scheduler a command started.
+class ipc_server_fixture : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    ipc_reply call(int32_t cmd, const std::string& buf = "", int32_t type = 0) { return ipc_call(sock_, cmd, buf, type); }
+
+    temp_dir dir_;
+    log_capture log_;
+    cmd_recorder rec_;
+    std::string sock_ = dir_.file(".ipc.socket");
+};
 
 }  // namespace zor_test
