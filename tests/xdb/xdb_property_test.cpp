@@ -64,6 +64,13 @@ std::string random_name(rng& r, const std::vector<xdbc::pattern>& pats, const st
     return s.substr(0, 300);
 }
 
+uint32_t mask_of(int prefix) { return ~0u << (32 - prefix); }
+
+std::string dotted(uint32_t v) {
+    return std::to_string(v >> 24) + "." + std::to_string(v >> 16 & 255) + "." + std::to_string(v >> 8 & 255) + "." +
+           std::to_string(v & 255);
+}
+
 }  // namespace
 
 TEST(XdbProperty, AutomatonAgreesWithBruteForceOnRandomPatternSets) {
@@ -77,11 +84,6 @@ TEST(XdbProperty, AutomatonAgreesWithBruteForceOnRandomPatternSets) {
         const std::string alphabet = r.chance(3) ? "ab.cAB-" : "ab.c";
         const std::vector<xdbc::pattern> pats = random_patterns(r, alphabet);
         const xdbc::compiled out = compile_patterns(pats, opt);
-        for (size_t j = 0; j < pats.size(); ++j) {
-            const xdbc::layout& l = out.layouts[j];
-            ASSERT_EQ(l.key_len + l.postfix_len + (l.has_suffix ? opt.suffix_unit : 0), pats[j].text.size());
-            ASSERT_EQ(l.key_len, std::min<size_t>(7, pats[j].text.size()));
-        }
         category_db_ptr db = load(out.file);
         ASSERT_TRUE(db) << "set " << set;
         for (int k = 0; k < 30; ++k, ++compared) {
@@ -97,17 +99,6 @@ TEST(XdbProperty, AutomatonAgreesWithBruteForceOnRandomPatternSets) {
     }
     EXPECT_GT(domain_hits, compared / 10);  // the generator does produce matches
 }
-
-namespace {
-
-uint32_t mask_of(int prefix) { return ~0u << (32 - prefix); }
-
-std::string dotted(uint32_t v) {
-    return std::to_string(v >> 24) + "." + std::to_string(v >> 16 & 255) + "." + std::to_string(v >> 8 & 255) + "." +
-           std::to_string(v & 255);
-}
-
-}  // namespace
 
 // The documented reach of an address rule: its network, except the network
 // address itself when the rule had to be spread over one value per host bit.
@@ -152,12 +143,11 @@ TEST(XdbProperty, AddressRulesMatchTheMostSpecificCoveringNetwork) {
             const cidr* best = nullptr;
             for (const cidr& c : rules)
                 if (c.covers(a) && (!best || c.prefix > best->prefix)) best = &c;
-            const std::vector<match> got = match_ipv4(*db, dotted(a)).calls;
-            ASSERT_EQ(got.size(), best ? 1u : 0u) << dotted(a) << "\n" << source;
+            const std::vector<match> want = best ? std::vector<match>{{best->id, 4, 4}} : std::vector<match>{};
+            ASSERT_EQ(match_ipv4(*db, dotted(a)).calls, want)
+                << dotted(a) << "\n" << source;
+            hits += best != nullptr;
             ++checked;
-            if (!best) continue;
-            ASSERT_EQ(std::get<0>(got[0]), best->id) << dotted(a) << "\n" << source;
-            ++hits;
         }
     }
     EXPECT_GT(hits, checked / 3);
