@@ -90,13 +90,6 @@ protected:
     }
     void TearDown() override { unsetenv("ZOR_E2E_SERVICE"); }
 
-    std::string category_file() {
-        const std::string source = w.dir() + "/categories.src", xdb = w.dir() + "/categories.xdb";
-        std::ofstream(source) << ".hit.example 0x0305\n198.51.100.0/24 0x0102\n";
-        EXPECT_EQ(sim_world::xdbc_build(source, xdb), 0);
-        return xdb;
-    }
-
     // Reports, the cloud, the verdict cache and every command of zorctl,
     // with some bytes no client should send.
     void exercise() {
@@ -137,7 +130,9 @@ TEST_P(Lifecycle, MemcheckFindsNoLeakNoInvalidAccessNoOpenDescriptor) {
     const lifecycle_case& c = GetParam();
     world_config cfg;
     cfg.server = cloud.address();
-    cfg.xdb = category_file();
+    cfg.xdb = w.dir() + "/categories.xdb";
+    std::ofstream(w.dir() + "/categories.src") << ".hit.example 0x0305\n198.51.100.0/24 0x0102\n";
+    ASSERT_EQ(sim_world::xdbc_build(w.dir() + "/categories.src", cfg.xdb), 0);
     cfg.may_exit = c.how != ending::ipc_exit && c.how != ending::sigterm;
     std::string err;
     if (c.how == ending::refused_account) {
