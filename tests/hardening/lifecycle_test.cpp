@@ -63,6 +63,7 @@ struct lifecycle_case {
     ending how;
     int status;  // expected exit status
 };
+void PrintTo(const lifecycle_case& c, std::ostream* os) { *os << c.name; }
 
 class Lifecycle : public ::testing::TestWithParam<lifecycle_case> {
 protected:
