@@ -85,7 +85,7 @@ EOF
 echo
 echo "== zor_service in the simulated world"
 world=$work/world
-tests/e2e/world.sh -s "$bin/tests/e2e/world_sh" "$world" \
+tools/world/world.sh -s "$bin/tools/world/world_sh" "$world" \
     "$bin/zor_service" -i "$work/zor.ini" -l "$work/log" > "$work/service.out" 2>&1 &
 svc=$!
 wait_for 20 "the kernel module to be loaded" grep -qs '^zor ' "$world/modules"

@@ -2,8 +2,8 @@
 # flood.sh [-B BUILD_DIR] [-d SECONDS] [-r RATE] [-m RSS_LIMIT_KIB] [-k]
 #
 # Floods zor_service with kernel reports and checks that it holds up. The
-# service runs in the simulated world (tests/e2e/world.sh) with the recording
-# shell for floods (tests/hardening/flood_sh.cpp: command lines are recorded,
+# service runs in the simulated world (tools/world/world.sh) with the recording
+# shell for floods (tools/world/flood_sh.cpp: command lines are recorded,
 # control-file lines are not run); kernsim plays the kernel module and sends
 # lossy (-L), as the module does: a report the service's full receive queue
 # refuses is lost and counted. The cloud simulator answers every query after
@@ -45,13 +45,13 @@ for n in "$seconds" "$rate" "$rss_limit"; do
 done
 
 source scripts/harden_world.sh
-world_check zor_service tests/hardening/flood_sh
+world_check zor_service tools/world/flood_sh
 
 # --- the world: a category file, the slow cloud, the service -----------------------
 printf '.hit.example 0x0305\n198.51.100.0/24 0x0102\n' > "$work/categories.src"
 "$build/tools/xdbc/xdbc" build "$work/categories.src" "$work/categories.xdb" >/dev/null
 world_cloud "query * delay 2000"
-world_service "$build/zor_service" "$build/tests/hardening/flood_sh"
+world_service "$build/zor_service" "$build/tools/world/flood_sh"
 world_announce
 
 # --- the flood -----------------------------------------------------------------------

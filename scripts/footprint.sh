@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # footprint.sh [BUILD_DIR]: what the running service costs the router.
 #
-# Starts zor_service in the simulated world (tests/e2e/world.sh: the kernel
+# Starts zor_service in the simulated world (tools/world/world.sh: the kernel
 # module is played from user space, nothing touches the real kernel) with a
 # generated category file loaded and logged in to the cloud simulator, has
 # kernsim announce the netlink family, lets it settle, and then measures
@@ -92,7 +92,7 @@ server = 127.0.0.1:$(cat "$work/cloud.port")
 log_level = 6
 xdb = $work/categories.xdb
 EOF
-bash tests/e2e/world.sh -s "$build/tests/e2e/world_sh" "$work/world" \
+bash tools/world/world.sh -s "$build/tools/world/world_sh" "$work/world" \
     "$build/zor_service" -i "$work/zor.ini" -l "$work/log" >"$work/service.out" 2>&1 &
 service_pid=$!
 

@@ -1,5 +1,5 @@
 # harden_world.sh: sourced by flood.sh and soak.sh. Builds the simulated
-# world around one zor_service (tests/e2e/world.sh), its cloud simulator and
+# world around one zor_service (tools/world/world.sh), its cloud simulator and
 # kernsim, measures the process, and keeps the PASS/FAIL tally. Everything
 # started here is stopped by the exit trap; the work directory goes with it
 # unless $keep is set.
@@ -71,7 +71,7 @@ server = 127.0.0.1:$(cat "$work/cloud.port")
 log_level = ${3:-6}
 xdb = $work/categories.xdb
 EOF
-    bash tests/e2e/world.sh -s "$2" "$work/world" "$1" -i "$work/zor.ini" -l "$work/log" \
+    bash tools/world/world.sh -s "$2" "$work/world" "$1" -i "$work/zor.ini" -l "$work/log" \
         > "$work/service.out" 2>&1 &
     service_pid=$!
     wait_until 300 grep -qs '^zor ' "$work/world/modules" || fail "the service did not start: $(cat "$work/service.out")"

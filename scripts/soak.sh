@@ -4,7 +4,7 @@
 # Keeps zor_service busy for a long while and checks that its memory and
 # descriptors stay flat. The program is zor_service_soak (the service with
 # its cache cleaner every 250 ms and its log cleaner every second instead of
-# 5 s and 60 s), in the simulated world (tests/e2e/world.sh) with the
+# 5 s and 60 s), in the simulated world (tools/world/world.sh) with the
 # recording shell for floods. kernsim reports at RATE (new names, names seen before, category-file
 # hits, a flagged name that sends the queries); the cloud simulator hands out
 # tokens that expire in 320 s, so the session is renewed every 20 s. Every
@@ -45,12 +45,12 @@ done
     { echo "soak: the run must last at least four intervals" >&2; exit 2; }
 
 source scripts/harden_world.sh
-world_check tests/hardening/zor_service_soak tests/hardening/flood_sh tools/zorctl/zorctl
+world_check tests/hardening/zor_service_soak tools/world/flood_sh tools/zorctl/zorctl
 
 printf '.hit.example 0x0305\n198.51.100.0/24 0x0102\n' > "$work/categories.src"
 "$build/tools/xdbc/xdbc" build "$work/categories.src" "$work/categories.xdb" >/dev/null
 world_cloud "token_ttl 320"
-world_service "$build/tests/hardening/zor_service_soak" "$build/tests/hardening/flood_sh"
+world_service "$build/tests/hardening/zor_service_soak" "$build/tools/world/flood_sh"
 world_announce
 
 awk 'BEGIN { printf "{"; for (i = 0; i < 500; i++) printf "%s\"%d\":{\"mac\":\"0200%08x\",\"dn\":\"rule%d.soak.test\"}", i ? "," : "", i + 1, i, i; print "}" }' \

@@ -1,5 +1,5 @@
 // A simulated router for end-to-end tests. The real zor_service runs in the
-// world of tests/e2e/world.sh (private mount namespace, /proc/zor/ctrl made by
+// world of tools/world/world.sh (private mount namespace, /proc/zor/ctrl made by
 // an insmod stub, a recording shell that keeps every command line and every
 // line written into the control file), kernsim plays the kernel module, and
 // the caller points the service at a cloud of its choosing.

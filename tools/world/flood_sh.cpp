@@ -1,5 +1,5 @@
 // The recording shell of the simulated world for floods. The world's own
-// recording shell (tests/e2e/world_sh.cpp) runs every control-file line in
+// recording shell (tools/world/world_sh.cpp) runs every control-file line in
 // the real shell under a lock, which keeps every line the kernel module would
 // have received but costs two programs per line. Under a flood of tens of
 // thousands of reports a second that cost would be what is measured, so this
