@@ -5,60 +5,19 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
-#include <thread>
 
-#include "cloudsim.h"
 #include "sim_world.h"
 
 namespace {
 
-using namespace std::chrono_literals;
 using lines = std::vector<std::string>;
+using EndToEnd = world_test;
 
 std::string joined(const lines& all) {
     std::string s;
     for (const std::string& l : all) s += "  " + l + "\n";
     return s;
 }
-
-class EndToEnd : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string why = sim_world::unsupported_reason();
-        if (!why.empty()) GTEST_SKIP() << "no simulated world here: " << why;
-        ASSERT_TRUE(cloud.start(&why)) << why;
-    }
-
-    // Starts the service against the cloud simulator; with `session` also
-    // announces the family and waits for the cloud session, from when on
-    // every key can take the whole road.
-    testing::AssertionResult start(sim_world& w, world_config cfg = {}, bool session = true) {
-        cfg.server = cloud.address();
-        std::string err;
-        if (!w.start(cfg, err) || (session && !w.announce(err))) return testing::AssertionFailure() << err;
-        // A session is held once a ping has been answered; the service
-        // publishes it right after.
-        if (session && !sim_world::wait_for([&] {
-                for (const auto& r : cloud.requests())
-                    if (r.endpoint == "ping" && r.status == 200) return true;
-                return false;
-            }))
-            return testing::AssertionFailure() << "no cloud session\n" << w.service_log();
-        std::this_thread::sleep_for(session ? 300ms : 0ms);
-        return testing::AssertionSuccess();
-    }
-
-    // The text of each query the cloud received, in order.
-    lines queries() const {
-        lines out;
-        for (const auto& r : cloud.requests())
-            if (r.endpoint == "query") out.push_back(r.detail);
-        return out;
-    }
-
-    cloudsim::simulator cloud;
-};
 
 TEST_F(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
     const struct {
@@ -72,7 +31,7 @@ TEST_F(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
     };
     for (const auto& r : rows) {
         sim_world w;
-        ASSERT_TRUE(start(w, {.service_args = r.args}, false));
+        ASSERT_TRUE(start(w, {.service_args = r.args}));
         const std::string insmod = "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko " + r.params;
         auto cmds = w.commands();
         auto at = std::find(cmds.begin(), cmds.end(), insmod);
@@ -91,14 +50,9 @@ TEST_F(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
 // source 1 and the ttl in seconds (none known: a day). A key asked again is
 // answered from the cache: the next query holds only the key after it.
 TEST_F(EndToEnd, KeysAreAnsweredFromTheCategoryFileTheCloudAndTheCache) {
-    if (std::string(e2e_paths::xdbc()).empty()) GTEST_SKIP() << "xdbc is not part of this build";
     std::string err;
     ASSERT_TRUE(cloud.apply("category news.example 3 4 2\ncategory 192.0.2.10 7 1 5\n", &err)) << err;
-    sim_world w;
-    const std::string source = w.dir() + "/categories.src", xdb = w.dir() + "/categories.xdb";
-    std::ofstream(source) << "# pattern id\n.local.example 0x0305\n198.51.100.7 0x0102\n";
-    ASSERT_EQ(sim_world::xdbc_build(source, xdb), 0) << joined(w.lines_of("categories.xdb.log"));
-    ASSERT_TRUE(start(w, {.xdb = xdb}));
+    ASSERT_TRUE(start(w, {.categories = "# pattern id\n.local.example 0x0305\n198.51.100.7 0x0102\n", .session = true}));
     const lines keys = {"20 www.news.example", "21 192.0.2.10", "20 www.local.example", "21 198.51.100.7",
                         "20 nobody.example", "20 www.news.example", "20 fence.example"};
     ASSERT_EQ(w.kernsim({"domain", "www.news.example", ";", "addr", "192.0.2.10", ";", "domain", "www.local.example",
@@ -111,10 +65,13 @@ TEST_F(EndToEnd, KeysAreAnsweredFromTheCategoryFileTheCloudAndTheCache) {
                             "db key2group update 1 20 nobody.example 86400 0 0"};
     for (const std::string& v : verdicts) EXPECT_TRUE(w.wait_ctrl(v)) << v << "\n" << joined(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "www.news.example", "flags=1"}), 0);
-    ASSERT_TRUE(w.wait_ctrl_count(verdicts[0], 2)) << joined(w.ctrl_lines());
+    ASSERT_TRUE(sim_world::wait_for([&] { return w.ctrl_count(verdicts[0]) == 2; })) << joined(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "fence.example", "flags=1"}), 0);
     ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 fence.example 86400 0 0")) << joined(w.ctrl_lines());
-    EXPECT_EQ(queries(), (lines{R"({"q":[[20,"nobody.example",0,0],[21,"192.0.2.10",0,0],)"
+    lines queries;
+    for (const auto& r : cloud.requests())
+        if (r.endpoint == "query") queries.push_back(r.detail);
+    EXPECT_EQ(queries, (lines{R"({"q":[[20,"nobody.example",0,0],[21,"192.0.2.10",0,0],)"
                                 R"([20,"www.news.example",0,0]]})",
                                 R"({"q":[[20,"fence.example",0,0]]})"}));
     lines want = {"env server_port " + std::to_string(w.pid())}, got;
@@ -124,27 +81,6 @@ TEST_F(EndToEnd, KeysAreAnsweredFromTheCategoryFileTheCloudAndTheCache) {
     EXPECT_EQ(got, want);
     EXPECT_EQ(w.ctrl_count("db key2group update 2"), 2u);
     EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
-}
-
-// A refused account ends the service with status 0 after unloading its
-// module and the preloaded one.
-TEST_F(EndToEnd, RefusedAccountUnloadsTheModulesAndExitsZero) {
-    std::string err;
-    ASSERT_TRUE(cloud.apply("login error 401 5\n", &err)) << err;
-    sim_world w;
-    ASSERT_TRUE(start(w, {.preloaded = {"qmxc"}, .may_exit = true}, false));
-    auto status = w.wait_exit(20s);
-    ASSERT_TRUE(status.has_value()) << "still running after a refused login\n" << w.service_log();
-    EXPECT_EQ(*status, 0) << w.service_output();
-    auto cmds = w.commands();
-    auto pos = [&](const std::string& c) { return std::find(cmds.begin(), cmds.end(), c) - cmds.begin(); };
-    const lines order = {"lsmod | grep -w ^zor", "rmmod zor > /dev/null 2>&1", "lsmod | grep -w ^qmxc",
-                         "rmmod qmxc > /dev/null 2>&1"};
-    for (size_t i = 1; i < order.size(); ++i) EXPECT_LT(pos(order[i - 1]), pos(order[i])) << joined(cmds);
-    EXPECT_LT(pos(order.back()), static_cast<long>(cmds.size())) << joined(cmds);
-    EXPECT_TRUE(w.lines_of("modules").empty()) << joined(w.lines_of("modules"));
-    EXPECT_FALSE(w.ctrl_file_exists());
-    EXPECT_EQ(cloud.count("query"), 0u);
 }
 
 }  // namespace

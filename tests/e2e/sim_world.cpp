@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <linux/netlink.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -57,19 +59,16 @@ int run(const std::vector<std::string>& args, const std::string& out_path) {
     return pid > 0 ? decode(status) : -1;
 }
 
-// Whether root may unicast to another socket's generic netlink port here.
+// Why root may not unicast to another socket's generic netlink port here.
 std::string netlink_reason() {
     int rx = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC);
     int tx = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC);
     sockaddr_nl a{AF_NETLINK, 0, 0x7fe00000u + static_cast<uint32_t>(getpid() % 0xfffff), 0};
     char probe[20] = {20};
     std::string reason;
-    if (rx < 0 || tx < 0)
-        reason = std::string("generic netlink sockets are not available: ") + strerror(errno);
-    else if (bind(rx, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
-        reason = std::string("cannot bind a generic netlink socket: ") + strerror(errno);
-    else if (sendto(tx, probe, sizeof probe, 0, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
-        reason = std::string("generic netlink unicast between sockets is refused: ") + strerror(errno);
+    if (rx < 0 || tx < 0 || bind(rx, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        sendto(tx, probe, sizeof probe, 0, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0)
+        reason = std::string("generic netlink unicast between sockets fails: ") + strerror(errno);
     for (int fd : {rx, tx})
         if (fd >= 0) close(fd);
     return reason;
@@ -77,16 +76,10 @@ std::string netlink_reason() {
 
 }  // namespace
 
-// ZOR_E2E_SERVICE in the environment runs another build of the service.
-const char* e2e_paths::service() {
+std::string service_binary() {
     const char* other = std::getenv("ZOR_E2E_SERVICE");
     return other && *other ? other : ZOR_E2E_SERVICE;
 }
-const char* e2e_paths::kernsim() { return ZOR_E2E_KERNSIM; }
-const char* e2e_paths::world_script() { return ZOR_E2E_WORLD_SCRIPT; }
-const char* e2e_paths::world_shell() { return ZOR_E2E_WORLD_SHELL; }
-const char* e2e_paths::zorctl() { return ZOR_E2E_ZORCTL; }
-const char* e2e_paths::xdbc() { return ZOR_E2E_XDBC; }
 
 std::string sim_world::unsupported_reason() {
     static const std::string reason = [] {
@@ -111,47 +104,51 @@ sim_world::~sim_world() {
     else std::filesystem::remove_all(dir_, ec);
 }
 
-bool sim_world::start(const world_config& cfg, std::string& err) {
-    if (dir_.empty()) {
-        err = "no temporary directory";
-        return false;
-    }
+bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::milliseconds slow) {
+    if (dir_.empty()) return err = "no temporary directory", false;
     std::filesystem::create_directories(root());
     std::ofstream(root() + "/zor.ko") << "not a real module\n";
+    std::string xdb = cfg.xdb;
+    if (!cfg.categories.empty()) {
+        std::ofstream(dir_ + "/categories.src") << cfg.categories;
+        xdb = dir_ + "/categories.xdb";
+        if (run({ZOR_E2E_XDBC, "build", dir_ + "/categories.src", xdb}, dir_ + "/xdbc.out") != 0)
+            return err = "xdbc failed: " + slurp(dir_ + "/xdbc.out"), false;
+    }
     std::ofstream ini(dir_ + "/zor.ini");
     ini << "[zor]\nauth_id = e2e-account\nauth_pwd = e2e-password\nhost = e2e-host\nproduct = e2e-product\n"
         << "root = " << root() << "\nwritable_root = " << dir_ << "/run\nserver = " << cfg.server
-        << "\nlog_level = 6\n";
-    if (!cfg.xdb.empty()) ini << "xdb = " << cfg.xdb << "\n";
-    for (const std::string& l : cfg.ini_lines) ini << l << "\n";
+        << "\nlog_level = 6\n" << (xdb.empty() ? "" : "xdb = " + xdb + "\n");
     ini.close();
-    std::vector<std::string> args = {"/bin/bash", e2e_paths::world_script()};
+    std::vector<std::string> args = {"/bin/bash", ZOR_E2E_WORLD_SCRIPT};
     for (const std::string& m : cfg.preloaded) args.insert(args.end(), {"-m", m});
-    args.insert(args.end(), {"-s", e2e_paths::world_shell(), dir_, e2e_paths::service(), "-i",
-                             dir_ + "/zor.ini", "-l", dir_ + "/log"});
+    args.insert(args.end(), {"-s", ZOR_E2E_WORLD_SHELL, dir_, cfg.service.empty() ? service_binary() : cfg.service,
+                             "-i", dir_ + "/zor.ini", "-l", dir_ + "/log"});
     args.insert(args.end(), cfg.service_args.begin(), cfg.service_args.end());
-    if ((pid_ = spawn(args, dir_ + "/service.out")) < 0) {
-        err = "cannot spawn world.sh";
-        return false;
-    }
+    if ((pid_ = spawn(args, dir_ + "/service.out")) < 0) return err = "cannot spawn world.sh", false;
     // The service loads the module last: once zor is loaded, everything is up.
     bool up = wait_for([&] {
         auto m = lines_of("modules");
         return std::any_of(m.begin(), m.end(), [](auto& l) { return l.rfind("zor ", 0) == 0; }) ||
                wait_exit(0ms).has_value();
-    });
+    }, slow);
     if (status_ && !cfg.may_exit)
         err = "the service ended at start with status " + std::to_string(*status_) + "; its output: " +
               service_output();
     else if (!up)
         err = "the service did not load its module; its output: " + service_output();
+    else if (cfg.session && kernsim({"announce"}) != 0)
+        err = "kernsim announce failed: " + slurp(dir_ + "/kernsim.out");
+    else if (cfg.session && !wait_ctrl("env server_port " + std::to_string(pid_), slow))
+        err = "the service never told the kernel its port";
+    // Keys sent before the login is held would be dropped with their batch.
+    else if (cfg.session && !wait_for([&] { return logged_in(); }, slow))
+        err = "no cloud login; the log:\n" + service_log();
     else
         return true;
     return false;
 }
 
-std::vector<std::string> sim_world::commands() const { return lines_of("commands.log"); }
-std::vector<std::string> sim_world::ctrl_lines() const { return lines_of("ctrl.log"); }
 std::vector<std::string> sim_world::lines_of(const std::string& name) const {
     std::vector<std::string> out;
     std::istringstream in(slurp(dir_ + "/" + name));
@@ -163,6 +160,18 @@ std::string sim_world::service_output() const { return slurp(dir_ + "/service.ou
 bool sim_world::ctrl_file_exists() const {
     struct stat st;
     return stat((dir_ + "/zor/ctrl").c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+size_t sim_world::ctrl_count(const std::string& prefix) const {
+    auto lines = ctrl_lines();
+    return std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.rfind(prefix, 0) == 0; });
+}
+
+long sim_world::rss_anon_kb() const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    long kb = -1;
+    for (std::string name; status >> name;)
+        if (name == "RssAnon:" && status >> kb) break;
+    return kb;
 }
 
 bool sim_world::wait_for(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
@@ -179,39 +188,53 @@ bool sim_world::wait_ctrl(const std::string& line, std::chrono::milliseconds tim
     }, timeout);
 }
 
-size_t sim_world::ctrl_count(const std::string& prefix) const {
-    auto lines = ctrl_lines();
-    return std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.rfind(prefix, 0) == 0; });
-}
-
-bool sim_world::wait_ctrl_count(const std::string& prefix, size_t n, std::chrono::milliseconds timeout) const {
-    return wait_for([&] { return ctrl_count(prefix) >= n; }, timeout);
-}
-
 int sim_world::kernsim(const std::vector<std::string>& args) const {
-    std::vector<std::string> argv = {e2e_paths::kernsim(), "-p", std::to_string(pid_), "-w", "5"};
+    std::vector<std::string> argv = {ZOR_E2E_KERNSIM, "-p", std::to_string(pid_), "-w", "5"};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, dir_ + "/kernsim.out");
 }
 
 int sim_world::zorctl(const std::vector<std::string>& args) const {
-    std::vector<std::string> argv = {e2e_paths::zorctl(), "-i", dir_ + "/zor.ini", "-t", "10"};
+    std::vector<std::string> argv = {ZOR_E2E_ZORCTL, "-i", dir_ + "/zor.ini", "-t", "10"};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, dir_ + "/zorctl.out");
 }
 
-int sim_world::xdbc_build(const std::string& source, const std::string& out) {
-    return run({e2e_paths::xdbc(), "build", source, out}, out + ".log");
+bool sim_world::logged_in() const {
+    auto out = zorctl({"--json", "status"}) == 0 ? lines_of("zorctl.out") : std::vector<std::string>{};
+    return !out.empty() && out.back().find("\"logged_in\":true") != std::string::npos;
 }
 
-bool sim_world::announce(std::string& err) {
-    if (int rc = kernsim({"announce"}); rc != 0)
-        err = "kernsim announce failed with " + std::to_string(rc) + ": " + slurp(dir_ + "/kernsim.out");
-    else if (!wait_ctrl("env server_port " + std::to_string(pid_)))
-        err = "the service never told the kernel its port";
-    else
-        return true;
-    return false;
+std::optional<std::string> sim_world::ipc_raw(const std::string& bytes, std::chrono::milliseconds wait,
+                                              bool half_close, size_t chunk) const {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    snprintf(addr.sun_path, sizeof addr.sun_path, "%s/run/.ipc.socket", dir_.c_str());
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        if (fd >= 0) close(fd);
+        return std::nullopt;
+    }
+    for (size_t off = 0; off < bytes.size();) {
+        ssize_t n = send(fd, bytes.data() + off, chunk > 0 ? std::min(chunk, bytes.size() - off) : bytes.size() - off,
+                         MSG_NOSIGNAL);
+        if (n <= 0) break;  // the service may close early: that is its right
+        off += static_cast<size_t>(n);
+        if (chunk > 0) std::this_thread::sleep_for(20ms);
+    }
+    if (half_close) shutdown(fd, SHUT_WR);
+    std::string reply;
+    char buf[1024];
+    ssize_t n = 0;
+    for (auto deadline = std::chrono::steady_clock::now() + wait;;) {
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd p{fd, POLLIN, 0};
+        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1 || (n = recv(fd, buf, sizeof buf, 0)) <= 0)
+            break;
+        reply.append(buf, static_cast<size_t>(n));
+    }
+    close(fd);
+    return reply;
 }
 
 std::optional<int> sim_world::wait_exit(std::chrono::milliseconds timeout) {
@@ -232,4 +255,25 @@ std::optional<int> sim_world::stop() {
     if (auto s = wait_exit(5s)) return s;
     kill(pid_, SIGKILL);
     return wait_exit(5s);
+}
+
+std::string ipc_request_bytes(int32_t cmd, int32_t type, const std::string& text) {
+    std::string r(264, '\0');
+    memcpy(&r[0], &cmd, 4);
+    memcpy(&r[4], &type, 4);
+    memcpy(&r[8], text.data(), std::min<size_t>(text.size(), 256));
+    return r;
+}
+
+void world_test::SetUp() {
+    std::string why = sim_world::unsupported_reason();
+    if (!why.empty()) GTEST_SKIP() << "no simulated world here: " << why;
+    ASSERT_TRUE(cloud.start(&why)) << why;
+}
+
+testing::AssertionResult world_test::start(sim_world& world, world_config cfg, std::chrono::milliseconds slow) {
+    cfg.server = cloud.address();
+    std::string err;
+    if (world.start(cfg, err, slow)) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << err;
 }

@@ -1,30 +1,40 @@
-// A simulated router for end-to-end tests. The real zor_service runs in the
-// world of tools/world/world.sh (private mount namespace, /proc/zor/ctrl made by
-// an insmod stub, a recording shell that keeps every command line and every
-// line written into the control file), kernsim plays the kernel module, and
-// the caller points the service at a cloud of its choosing.
+// A simulated router for the end-to-end and hardening tests. The real
+// zor_service runs in the world of tools/world/world.sh (private mount
+// namespace, /proc/zor/ctrl made by an insmod stub, a recording shell that
+// keeps every command line and every line written into the control file),
+// kernsim plays the kernel module, zorctl and raw bytes talk to its command
+// socket, and the cloud simulator is its cloud.
 //
 // One sim_world is one service process in its own temporary directory; the
 // destructor stops the service and removes the directory. Used from the test
 // thread only.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "cloudsim.h"
+
 struct world_config {
     std::vector<std::string> service_args;  // options besides -i and -l
     std::vector<std::string> preloaded;     // modules lsmod lists from the start
-    std::string xdb;                        // compiled category file, or empty
+    std::string categories;                 // category file source, compiled into DIR/categories.xdb
+    std::string xdb;                        // else a category file as it is, or empty
     std::string server = "127.0.0.1:1";     // the cloud's address
-    std::vector<std::string> ini_lines;     // further "key = value" lines of section zor
+    std::string service;                    // the program world.sh execs; empty: service_binary()
     bool may_exit = false;                  // ending right after loading the module is no failure
+    bool session = false;                   // also announce and wait until logged in to the cloud
 };
+
+// The service under test: ZOR_E2E_SERVICE from the environment, or this build's.
+std::string service_binary();
 
 class sim_world {
 public:
@@ -37,47 +47,44 @@ public:
     // namespaces, generic netlink unicast refused), or empty when it can.
     static std::string unsupported_reason();
 
-    // Writes the configuration and starts the service in the world. Returns
-    // false with `err` set when the service could not be started or died at once.
-    bool start(const world_config& cfg, std::string& err);
+    // Writes the configuration and starts the service in the world (with
+    // `session`, up to a held cloud login, waiting at most `slow`). False
+    // with `err` set when that failed.
+    bool start(const world_config& cfg, std::string& err,
+               std::chrono::milliseconds slow = std::chrono::seconds(20));
 
     pid_t pid() const { return pid_; }
     const std::string& dir() const { return dir_; }
     std::string root() const { return dir_ + "/root"; }
 
-    // Every shell line the service ran, in order.
-    std::vector<std::string> commands() const;
-    // Every line the kernel module received through its control file.
-    std::vector<std::string> ctrl_lines() const;
-    // Lines of a file in the world's directory.
-    std::vector<std::string> lines_of(const std::string& name) const;
-    // The service's log file and its standard output and error.
+    // Every shell line the service ran, and every line the kernel module
+    // received through its control file, in order.
+    std::vector<std::string> commands() const { return lines_of("commands.log"); }
+    std::vector<std::string> ctrl_lines() const { return lines_of("ctrl.log"); }
+    std::vector<std::string> lines_of(const std::string& name) const;  // of a file in dir()
     std::string service_log() const;
-    std::string service_output() const;
+    std::string service_output() const;  // standard output and error
     bool ctrl_file_exists() const;
+    size_t ctrl_count(const std::string& prefix) const;
+    // RssAnon of the service in KiB; -1 when it is gone.
+    long rss_anon_kb() const;
 
     // Polls `done` every 20 ms until it holds or `timeout` passes.
     static bool wait_for(const std::function<bool()>& done,
                          std::chrono::milliseconds timeout = std::chrono::seconds(20));
-    // Waits until the control file has received `line`.
-    bool wait_ctrl(const std::string& line,
-                   std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
-    // Waits until the control file has received at least `n` lines
-    // starting with `prefix`.
-    bool wait_ctrl_count(const std::string& prefix, size_t n,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
-    size_t ctrl_count(const std::string& prefix) const;
+    bool wait_ctrl(const std::string& line, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
 
-    // Runs kernsim against the service with `args` (kernsim's commands and
-    // options after -p); returns its exit status.
+    // Runs kernsim (its commands and options after -p) or zorctl against the
+    // service; the exit status. Output goes to kernsim.out / zorctl.out.
     int kernsim(const std::vector<std::string>& args) const;
-    // Runs zorctl against the service's command socket; its exit status.
     int zorctl(const std::vector<std::string>& args) const;
-    // Runs `xdbc build SOURCE OUT`; its exit status.
-    static int xdbc_build(const std::string& source, const std::string& out);
-    // Announces the family and waits until the service told the kernel its
-    // port ("env server_port <pid>").
-    bool announce(std::string& err);
+    bool logged_in() const;  // as `zorctl --json status` says
+    // Writes `bytes` to the command socket (`chunk` bytes at a time with a
+    // pause between when chunk > 0), half-closes when asked, and reads what
+    // comes back until the service closes or `wait` passes. nullopt when no
+    // connection could be made.
+    std::optional<std::string> ipc_raw(const std::string& bytes, std::chrono::milliseconds wait,
+                                       bool half_close = true, size_t chunk = 0) const;
 
     // Waits for the service to end on its own; its exit status, or nullopt
     // on time-out.
@@ -91,13 +98,18 @@ private:
     std::optional<int> status_;
 };
 
-// Paths of the programs the world uses, from the build.
-struct e2e_paths {
-    static const char* service();
-    static const char* kernsim();
-    static const char* world_script();
-    static const char* world_shell();
-    // Empty when the tool is not part of the build.
-    static const char* zorctl();
-    static const char* xdbc();
+// One 264-byte command socket request as the service reads it.
+std::string ipc_request_bytes(int32_t cmd, int32_t type, const std::string& text);
+
+// A test with a world and the cloud simulator, skipped with the reason where
+// the world cannot be built.
+class world_test : public ::testing::Test {
+protected:
+    void SetUp() override;
+    // Starts `world` against the cloud simulator.
+    testing::AssertionResult start(sim_world& world, world_config cfg,
+                                   std::chrono::milliseconds slow = std::chrono::seconds(20));
+
+    cloudsim::simulator cloud;
+    sim_world w;
 };

@@ -14,10 +14,10 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <regex>
+#include <set>
 #include <thread>
 
-#include "cloudsim.h"
-#include "harden_probe.h"
 #include "sim_world.h"
 
 namespace {
@@ -45,31 +45,17 @@ bool unsendable(const std::string& key) {
     return false;
 }
 
-class Hostile : public ::testing::Test {
+class Hostile : public world_test {
 protected:
     void SetUp() override {
-        std::string why = sim_world::unsupported_reason();
-        if (!why.empty()) GTEST_SKIP() << "no simulated world here: " << why;
-        if (std::string(e2e_paths::zorctl()).empty() || std::string(e2e_paths::xdbc()).empty())
-            GTEST_SKIP() << "zorctl and xdbc are not part of this build";
-        std::string err;
-        ASSERT_TRUE(cloud.start(&err)) << err;
-        const std::string source = w.dir() + "/categories.src";
-        std::ofstream(source) << ".hit.example 0x0305\n198.51.100.0/24 0x0102\n";
-        ASSERT_EQ(sim_world::xdbc_build(source, w.dir() + "/categories.xdb"), 0);
-        world_config cfg;
-        cfg.server = cloud.address();
-        cfg.xdb = w.dir() + "/categories.xdb";
-        ASSERT_TRUE(w.start(cfg, err)) << err;
-        ASSERT_TRUE(w.announce(err)) << err;
-        // Keys sent before the login is held would be dropped with their batch.
-        ASSERT_TRUE(sim_world::wait_for([&] { return logged_in(); })) << "no cloud login";
-        rules.pid = w.pid();
-        rules.insmod_line = "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 ";
+        world_test::SetUp();
+        if (IsSkipped() || HasFatalFailure()) return;
+        ASSERT_TRUE(start(w, {.categories = ".hit.example 0x0305\n198.51.100.0/24 0x0102\n", .session = true}));
+        insmod = "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 ";
         // One round of ordinary work first, so that what is measured after a
         // group is growth, not start-up.
         ASSERT_TRUE(flush_to_cloud(send_keys({"warm.example", "www.hit.example"})));
-        before_kb = rss_anon_kb(w.pid());
+        before_kb = w.rss_anon_kb();
         ASSERT_GT(before_kb, 0);
         mark = w.ctrl_lines().size();
     }
@@ -80,7 +66,7 @@ protected:
         EXPECT_EQ(w.stop(), std::optional<int>(0)) << "no clean exit on SIGTERM:\n" << w.service_output();
         int shown = 0;
         for (const std::string& line : w.commands()) {
-            std::string fault = command_fault(line, rules);
+            std::string fault = command_fault(line);
             if (!fault.empty() && shown++ < 20) ADD_FAILURE() << "unintended command (" << fault << "): " << line;
         }
         EXPECT_EQ(shown, 0) << "unintended commands in all";
@@ -88,9 +74,23 @@ protected:
             EXPECT_NE(e.path().filename().string().rfind("pwned", 0), 0u) << "injected: " << e.path();
     }
 
-    bool logged_in() {
-        auto out = w.zorctl({"--json", "status"}) == 0 ? w.lines_of("zorctl.out") : std::vector<std::string>{};
-        return !out.empty() && out.back().find("\"logged_in\":true") != std::string::npos;
+    // Why `line` (as recorded: control bytes as \xHH) is not a command the
+    // service may run carrying only texts the test gave it; empty when it
+    // is. A control-file line keeps its text one double-quoted shell word:
+    // every ", \, $ and ` in it escaped, nothing else.
+    std::string command_fault(const std::string& line) const {
+        static const std::regex word(R"re(\[ -f /proc/zor/ctrl \] && echo "((?:[^"\\$`]|\\["\\$`])*)" > /proc/zor/ctrl)re");
+        static const std::regex u2k("db key2group u2k (?:20|21|22) (.*)"), add("pc rule add [12] (.*) [0-9]{1,10} [0-9]{1,10}"),
+            update("db key2group update [12] (?:20|21|22) (.*) -?[0-9]{1,10} [0-9]{1,10} [0-9]{1,10}");
+        if (line == "lsmod | grep -w ^zor_service" || line == insmod) return "";
+        std::smatch m;
+        if (line.size() > 512 || !std::regex_match(line, m, word)) return "not a command of the intended shapes";
+        const std::string body = std::regex_replace(m[1].str(), std::regex(R"(\\(.))"), "$1");
+        if (body == "env server_port " + std::to_string(w.pid()) || body == "pc rule clean") return "";
+        if (std::regex_match(body, m, u2k) || std::regex_match(body, m, update))
+            return keys.count(m[1]) ? "" : "a key never sent: " + m[1].str();
+        if (std::regex_match(body, m, add)) return rule_pairs.count(m[1]) ? "" : "a rule never given: " + m[1].str();
+        return "not an intended control command";
     }
 
     // A file the shell would create if a text ever ran as a command.
@@ -99,14 +99,14 @@ protected:
     // Reports each key (as `verb`: domain or addr), then a fence key of its
     // own with bit 0 set; returns the fence. Only keys that may be sent are
     // allowed on a command line.
-    std::string send_keys(const std::vector<std::string>& keys, const char* verb = "domain") {
+    std::string send_keys(const std::vector<std::string>& sent, const char* verb = "domain") {
         std::vector<std::string> args;
-        for (const std::string& k : keys) {
+        for (const std::string& k : sent) {
             args.insert(args.end(), {verb, k, ";"});
-            if (!unsendable(k)) rules.keys.insert(k);
+            if (!unsendable(k)) keys.insert(k);
         }
         const std::string fence = "fence" + std::to_string(++fences) + ".example";
-        rules.keys.insert(fence);
+        keys.insert(fence);
         args.insert(args.end(), {"domain", fence, "flags=1"});
         EXPECT_EQ(w.kernsim(args), 0) << w.lines_of("kernsim.out").size();
         return fence;
@@ -145,15 +145,15 @@ protected:
                                                    << w.service_output();
         EXPECT_EQ(w.zorctl({"status"}), 0) << "no status after " << after;
 #ifndef ZOR_SANITIZED
-        const long now_kb = rss_anon_kb(w.pid());
+        const long now_kb = w.rss_anon_kb();
         EXPECT_LE(now_kb, before_kb + kRssGrowthKb)
             << "RssAnon grew from " << before_kb << " KiB to " << now_kb << " KiB after " << after;
 #endif
     }
 
-    cloudsim::simulator cloud;
-    sim_world w;
-    command_rules rules;
+    std::string insmod;                // the one module line, exactly
+    std::set<std::string> keys;        // key texts that may reach the kernel
+    std::set<std::string> rule_pairs;  // "MAC CONTENT" of rules that may be added
     long before_kb = -1;
     size_t mark = 0;
     int fences = 0;
@@ -165,95 +165,85 @@ protected:
 // arrival order and, after a round trip through the cloud, as a verdict. A
 // key with a control byte or a backslash reaches it not at all.
 TEST_F(Hostile, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) {
-    std::vector<std::string> domains, addresses;
+    std::vector<std::string> names, addresses;
     for (unsigned b = 1; b <= 0xFF; ++b) {
-        const std::string tag = hex(std::string(1, static_cast<char>(b)));
-        domains.push_back("b" + tag + "-" + std::string(1, static_cast<char>(b)) + "-x.example");
-        addresses.push_back("10.0." + std::string(1, static_cast<char>(b)) + "." + tag);
+        const std::string c(1, static_cast<char>(b)), tag = hex(c);
+        names.push_back("b" + tag + "-" + c + "-x.example");
+        addresses.push_back("10.0." + c + "." + tag);
     }
-    const std::vector<std::string> shell = {
+    // Shell syntax, one or two of each kind (every single byte is in the
+    // names above).
+    names.insert(names.end(), {
         "a.com\"; touch " + marker("dq") + "; \"", "$(touch " + marker("subst") + ")",
         "`touch " + marker("backq") + "`",         "x\\\"; touch " + marker("bsdq") + " #",
-        "'; touch " + marker("sq") + "; '",        "a; touch " + marker("semi"),
-        "a && touch " + marker("and"),             "a | tee " + marker("pipe"),
-        "a > " + marker("redir"),                  "${IFS}touch${IFS}" + marker("ifs"),
-        "evil\\npc rule clean",                    "$((1+1))$$$!$?$#$@$*$0",
-        "\\", "\"", "$", "`", "a\\c", "~root/*?[a]{b,c}!", "%s%n%x%p%%", " lead and trail ",
-        "-n", "\xc3\xa9t\xc3\xa9.example", "\xff\xfe\x80",
-    };
-    // The longest key whose u2k line fits the 256-byte command buffer, one
+        "'; touch " + marker("sq") + "; '",        "a && touch " + marker("and") + " | tee a > b",
+        "${IFS}touch${IFS}" + marker("ifs"),       "evil\\npc rule clean",
+        "$((1+1))$$$!$?$#$@$*$0",                  "a\\c",
+        "~root/*?[a]{b,c}! %s%n -n",
+    });
+    // The longest key whose u2k line fits the 256-byte command buffer; one
     // byte more, a 255-byte name and a field with no terminator at all (read
-    // as its 256 bytes).
-    const size_t room = 255 - ctrl_line("db key2group u2k 20 ").size();
+    // as its 256 bytes) reach the kernel not at all.
+    const size_t room = 255 - std::string("[ -f /proc/zor/ctrl ] && echo \"db key2group u2k 20 \" > /proc/zor/ctrl").size();
     const std::string fits(room, 'f'), unterminated(256, 'u');
-    std::vector<std::string> all = domains;
-    all.insert(all.end(), shell.begin(), shell.end());
-    all.insert(all.end(), {fits, std::string(room + 1, 'c'), std::string(255, 'n'), unterminated + "uuuu"});
-    rules.keys.insert(unterminated);
-    const std::string fence1 = send_keys(all), fence2 = send_keys(addresses, "addr");
+    std::vector<std::string> sent = names;
+    sent.insert(sent.end(), {fits, std::string(room + 1, 'c'), std::string(255, 'n'), unterminated + "uuuu"});
+    keys.insert(unterminated);
+    const std::string fence1 = send_keys(sent), fence2 = send_keys(addresses, "addr");
     ASSERT_TRUE(w.wait_ctrl("db key2group u2k 20 " + fence2)) << w.service_log().substr(0, 2000);
 
     std::vector<std::string> u2k;
     std::set<std::string> verdicts;
     size_t dropped = 0;
-    auto expect = [&](const char* type, const std::string& k, bool verdict = true) {
-        if (unsendable(k)) return void(++dropped);
-        u2k.push_back(std::string("db key2group u2k ") + type + " " + k);
-        if (verdict) verdicts.insert(std::string("db key2group update 1 ") + type + " " + k + " 86400 0 0");
+    auto expect = [&](const char* type, const std::vector<std::string>& ks, bool verdict = true) {
+        for (const std::string& k : ks) {
+            if (unsendable(k)) { ++dropped; continue; }
+            u2k.push_back(std::string("db key2group u2k ") + type + " " + k);
+            if (verdict) verdicts.insert(std::string("db key2group update 1 ") + type + " " + k + " 86400 0 0");
+        }
     };
-    for (const std::string& k : domains) expect("20", k);
-    for (const std::string& k : shell) expect("20", k);
-    expect("20", fits, false);  // its verdict line is longer than the buffer
-    expect("20", fence1);
-    for (const std::string& k : addresses) expect("21", k);
-    expect("20", fence2);
-    ASSERT_EQ(dropped, 2 * 33u + 4);  // 0x01-0x1F, 0x7F and 0x5C of both kinds; four shell keys
+    expect("20", names);
+    expect("20", {fits}, false);  // its verdict line is longer than the buffer
+    expect("20", {fence1});
+    expect("21", addresses);
+    expect("20", {fence2});
+    ASSERT_EQ(dropped, 2 * 33u + 3);  // 0x01-0x1F, 0x7F and 0x5C of both kinds; three shell keys
     EXPECT_EQ(new_ctrl("db key2group u2k "), u2k);
     EXPECT_TRUE(with_wakes([&] {
         for (const std::string& l : new_ctrl("db key2group update ")) verdicts.erase(l);
         return verdicts.empty();
     })) << verdicts.size() << " verdicts missing, e.g. " << (verdicts.empty() ? "" : *verdicts.begin());
-    for (const std::string& l : w.ctrl_lines()) EXPECT_NE(l.rfind("pc rule", 0), 0u) << "a key wrote a line of its own: " << l;
     check_alive_and_bounded("hostile keys");
 }
 
-// Datagrams no kernel module would send (beyond the few the end-to-end
-// suite sends): cut at every header, lying about their lengths, records
-// too long for the receive buffer or of unknown types, broken controller
-// replies, and random bytes with and without a plausible header. They are
-// dropped; the valid events between them still get through, once each.
+// Datagrams no kernel module would send (the netlink fuzz target tries
+// many more against the parser): cut short, lying about their lengths,
+// records too long for the receive buffer or of unknown types, broken
+// controller replies, and random bytes with and without a plausible header.
+// They are dropped; the valid events between them still get through, once
+// each, and only while the family is known.
 TEST_F(Hostile, MalformedDatagramsAreDropped) {
     const std::string script = w.dir() + "/malformed.ks";
     std::ofstream s(script);
     for (const char* line :
-         {"domain header.bad cut=16", "domain genl.bad cut=20", "domain record.bad cut=35",
-          "domain liar2.bad nlmsg_len=0", "domain liar3.bad nlmsg_len=17", "domain donetype.bad nltype=3",
-          "domain biglen.bad data_len=0xffffffff", "domain past.bad data_len=257", "domain zero.bad data_len=0",
-          "addr 10.9.9.9 data_len=0x7fffffff", "event type=20 len=4096 text=huge.bad",
-          "event type=20 len=1008 text=fits-buffer.bad", "event type=0xffffffff len=40 text=type.bad",
-          "event type=21 len=0", "domain valid1.example", "announce attr=2", "domain ignored.bad",
-          "announce name=zor_notif", "announce cut=24", "announce nlmsg_len=30",
-          "raw 2000000010000000000000000000000001010000",
-          "raw 24000000100000000000000000000000010100000c00010000000000",
-          "raw 2800000010000000000000000000000001010000ffff01007a6f725f6e6f74696679000006000100",
-          "announce", "domain valid2.example"})
+         {"domain header.bad cut=16", "domain record.bad cut=35", "domain liar.bad nlmsg_len=17",
+          "domain donetype.bad nltype=3", "domain biglen.bad data_len=0xffffffff", "domain past.bad data_len=257",
+          "event type=20 len=4096 text=huge.bad", "event type=0xffffffff len=40 text=type.bad", "event type=21 len=0",
+          "domain valid1.example", "announce attr=2", "domain ignored.bad", "announce name=zor_notif",
+          "announce cut=24", "raw 24000000100000000000000000000000010100000c00010000000000", "announce",
+          "domain valid2.example"})
         s << line << "\n";
     std::mt19937 rng(20240607);
-    for (int i = 0; i < 300; ++i) {
-        std::string d(1 + rng() % 1100, '\0');
+    for (int i = 0; i < 300; ++i) {  // every other one headed as an event, a third of those lying about its length
+        std::string d(24 + rng() % 1100, '\0');
         for (char& c : d) c = static_cast<char>(rng());
-        if (i % 2 && d.size() >= 24) {  // a header of this family or another; some lie about the length
-            uint32_t len = static_cast<uint32_t>(d.size()) + (i % 3 ? 0 : 8);
-            uint16_t type = static_cast<uint16_t>(i % 4 ? 99 : 40);
-            memcpy(&d[0], &len, 4);
-            memcpy(&d[4], &type, 2);
-            d[16] = 1;
-        }
+        const uint32_t head[2] = {static_cast<uint32_t>(d.size() + (i % 3 ? 0 : 8)), 40};  // length; type 40, the family
+        if (i % 2) memcpy(&d[0], head, sizeof head), d[16] = 1;
         s << "raw " << hex(d) << "\n";
     }
     s << "announce\ndomain valid3.example\n";
     s.close();
-    rules.keys.insert({"valid1.example", "valid2.example", "valid3.example"});
+    keys.insert({"valid1.example", "valid2.example", "valid3.example"});
     ASSERT_EQ(w.kernsim({"-s", script}), 0) << w.lines_of("kernsim.out").size();
     ASSERT_TRUE(w.wait_ctrl("db key2group u2k 20 valid3.example")) << w.service_log();
     EXPECT_EQ(new_ctrl("db key2group u2k "),
@@ -262,21 +252,18 @@ TEST_F(Hostile, MalformedDatagramsAreDropped) {
     check_alive_and_bounded("malformed datagrams");
 }
 
-// Bytes on the command socket that zorctl would never send (beyond the
-// short and empty requests of the server's own tests): truncated requests,
-// oversized ones, unknown commands, texts without a terminator,
-// slow dribbles and a client that says nothing. The service answers each
-// with at most one reply record and keeps serving.
+// Bytes on the command socket that zorctl would never send (the IPC fuzz
+// target tries many more against the request handler): truncated requests,
+// oversized ones, unknown commands, texts without a terminator or of shell
+// syntax, a rule file that never ends, a slow dribble and a client that says
+// nothing. The service answers each with at most one reply record and keeps
+// serving.
 TEST_F(Hostile, CommandSocketGarbageIsSurvived) {
-    const std::string sock = w.dir() + "/run/.ipc.socket";
     const std::string fifo = w.dir() + "/rules.fifo";
     ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
     std::mt19937 rng(7);
-    auto random_bytes = [&](size_t n) {
-        std::string b(n, '\0');
-        for (char& c : b) c = static_cast<char>(rng());
-        return b;
-    };
+    std::string noise(65536, '\0');
+    for (char& c : noise) c = static_cast<char>(rng());
     const std::string subst = "$(touch " + marker("ipc") + ")", status = ipc_request_bytes(70, 0, "");
     struct row {
         const char* what;
@@ -285,43 +272,38 @@ TEST_F(Hostile, CommandSocketGarbageIsSurvived) {
     };
     const std::vector<row> rows = {
         {"263 bytes", status.substr(0, 263)},
-        {"264 random bytes", random_bytes(264)},
-        {"64 KiB of random bytes", random_bytes(65536)},
+        {"64 KiB of random bytes", noise},
         {"negative command", ipc_request_bytes(-1, -1, "x")},
         {"query without terminator", ipc_request_bytes(100, 20, std::string(256, 'q'))},
-        {"query of shell syntax", ipc_request_bytes(100, 20, subst + " 1 2")},
-        {"query with huge numbers", ipc_request_bytes(100, 0x7fffffff, "n.example 99999999999999999999 -99999999999")},
-        {"query of blanks", ipc_request_bytes(100, 20, std::string(255, ' '))},
-        {"rule file of 256 bytes", ipc_request_bytes(42, 0, std::string(256, '/'))},
+        {"query of shell syntax and huge numbers", ipc_request_bytes(100, 20, subst + " 99999999999999999999 -9")},
         {"rule file that is a FIFO", ipc_request_bytes(42, 0, fifo)},
         {"rule file of shell syntax", ipc_request_bytes(42, 0, subst)},
-        {"cache import of broken JSON", ipc_request_bytes(201, 0, "{\"r\":{\"a\":[20,0,0,")},
         {"cache import of deep JSON", ipc_request_bytes(201, 0, std::string(128, '[') + std::string(127, ']'))},
-        {"cache import of wrong types", ipc_request_bytes(201, 0, R"({"r":{"warm.example":[20,"0",{},[],1e999,-1e999]}})")},
         {"status dribbled a byte at a time", status, 1},
         {"two requests in one write", status + ipc_request_bytes(1, 0, "")},
     };
     for (const row& r : rows) {
-        auto reply = ipc_raw(sock, r.bytes, 15s, true, r.chunk);
+        auto reply = w.ipc_raw(r.bytes, 15s, true, r.chunk);
         ASSERT_TRUE(reply.has_value()) << r.what << ": no connection";
         EXPECT_TRUE(reply->empty() || reply->size() == 260u) << r.what << ": " << reply->size() << " bytes back";
         ASSERT_FALSE(w.wait_exit(0ms).has_value()) << "died on " << r.what << ":\n" << w.service_output();
     }
     // A client that connects and says nothing holds the channel only until
     // the request time-out; a burst of clients that leave at once, none.
-    auto silent = std::thread([&] { ipc_raw(sock, "", 8s, false); });
+    auto silent = std::thread([&] { w.ipc_raw("", 8s, false); });
     std::this_thread::sleep_for(200ms);
-    for (int i = 0; i < 50; ++i) ipc_raw(sock, "", 0ms, true);
+    for (int i = 0; i < 50; ++i) w.ipc_raw("", 0ms, true);
     EXPECT_EQ(w.zorctl({"status"}), 0) << "the channel stayed blocked";
     silent.join();
     check_alive_and_bounded("command socket garbage");
 }
 
-// Cloud replies of every broken kind: empty, not base64, over the size
-// bound, not deciphering, deciphering to text that is not JSON, cut short,
-// of the wrong types at every level, huge, and error replies with odd
-// bodies. Each query gets one of them; the service carries on and a key
-// with a usable verdict gets it.
+// Cloud replies of every broken kind (the verdict fuzz target tries many
+// more against the parser): empty, not base64, over the size bound, not
+// deciphering, deciphering to text that is not JSON, cut short, of the wrong
+// types at several levels, huge, and error replies with odd bodies. Each
+// query gets one of them; the service carries on and a key with a usable
+// verdict gets it.
 TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
     auto member = [](const std::string& key, const std::string& value) {
         return "sealed {\"r\":{\"" + key + "\":" + value + "}}";
@@ -343,20 +325,14 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
         {"c-notjson.example", "sealed this is not JSON"},
         {"c-cut.example", "sealed {\"r\":{\"c-cut.example\":[20,0,0,24"},
         {"c-array.example", "sealed [1,2,3]"},
-        {"c-r-array.example", "sealed {\"r\":[]}"},
-        {"c-string.example", member("c-string.example", "\"x\"")},
         {"c-short.example", member("c-short.example", "[20,0,0,24,3]")},
-        {"c-long.example", member("c-long.example", "[20,0,0,24,3,4,5]")},
-        {"c-strings.example", member("c-strings.example", "[\"20\",\"0\",0,\"24\",\"3\",\"4\"]")},
-        {"c-objects.example", member("c-objects.example", "[{},[],null,true,false,{}]")},
+        {"c-objects.example", member("c-objects.example", "[\"20\",{},[],null,true,\"4\"]")},
         {"c-huge-numbers.example", member("c-huge-numbers.example", "[20,0,0,1e308,1e308,-1e308]")},
         {"c-negative.example", member("c-negative.example", "[20,0,0,-24,3,4]"), "-86400 3 4"},
-        {"c-wide.example", member("c-wide.example", "[20,70000,0,24,3,4]")},
         {"c-big-group.example", member("c-big-group.example", "[20,0,0,24,4096,65536]"), "86400 4096 65536"},
         {"c-type.example", member("c-type.example", "[99,0,0,24,3,4]")},
         {"c-deep.example", "sealed " + std::string(5000, '[') + std::string(5000, ']')},
         {"c-huge.example", many, "3600 9 9"},
-        {"c-error.example", "error 500 7"},
         {"c-error-html.example", "raw 503 <html><body>busy</body></html>"},
         {"c-error-type.example", "raw 401 {\"error\":{\"code\":\"101\"}}"},
         {"c-token.example", "error 401 101"},
@@ -365,12 +341,10 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
     for (const auto& [key, action, verdict] : rows) {
         const size_t asked = cloud.count("query");
         ASSERT_TRUE(cloud.apply("query * times 1 " + action, &err)) << err;
-        rules.keys.insert(key);
+        keys.insert(key);
         ASSERT_EQ(w.kernsim({"domain", key, "flags=1"}), 0);
         ASSERT_TRUE(sim_world::wait_for([&] { return cloud.count("query") > asked; }, 30s)) << key;
-        if (!verdict.empty()) {
-            EXPECT_TRUE(w.wait_ctrl("db key2group update 1 20 " + key + " " + verdict, 30s)) << key;
-        }
+        EXPECT_TRUE(verdict.empty() || w.wait_ctrl("db key2group update 1 20 " + key + " " + verdict, 30s)) << key;
         // The reply in hand is handled before the next key goes out.
         ASSERT_TRUE(cloud.apply("query * ok", &err)) << err;
         ASSERT_FALSE(w.wait_exit(0ms).has_value()) << "died on " << key << ":\n" << w.service_output();
@@ -378,16 +352,16 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
     // The refused token (and only it: a code that is a string is no such
     // refusal) brings a new login. A batch sent before that login is held
     // is dropped by design, so ordinary work resumes once it is.
-    ASSERT_TRUE(sim_world::wait_for([&] { return cloud.count("login") >= 2 && logged_in(); }, 60s)) << "no new login";
+    ASSERT_TRUE(sim_world::wait_for([&] { return cloud.count("login") >= 2 && w.logged_in(); }, 60s)) << "no new login";
     EXPECT_EQ(cloud.count("login"), 2u);
     EXPECT_TRUE(flush_to_cloud(send_keys({"after-cloud.example"}))) << w.service_log().substr(0, 4000);
     check_alive_and_bounded("broken cloud replies");
 }
 
-// Rule files with extreme numbers, dates and times, wrong types where the
-// reader's own tests do not reach, texts of shell syntax (a MAC text may
-// carry any tail after twelve digits), and files that are not rule files at
-// all. Only valid rules reach the kernel, as text.
+// Rule files with extreme numbers, dates and times, wrong types (the rule
+// file fuzz target tries many more against the reader), texts of shell
+// syntax (a MAC text may carry any tail after twelve digits), and files that
+// are not rule files at all. Only valid rules reach the kernel, as text.
 TEST_F(Hostile, RuleFilesWithWrongTypesEverywhere) {
     const std::string sub = "$(touch " + marker("rule") + ")";
     const std::string mac_tail = "aabbccddeeff:" + sub;
@@ -403,36 +377,29 @@ TEST_F(Hostile, RuleFilesWithWrongTypesEverywhere) {
         return R"({"1":{"mac":"aabbccddeeff","cn":"1","schedule":{)" + sched + "}}}";
     };
     std::vector<std::string> bodies = {
-        "\"rules\"", "{\"1\":[]}", R"({"1":{"mac":["aabbccddeeff"],"cn":{}}})",
+        "\"rules\"", R"({"1":{"mac":["aabbccddeeff"],"cn":{}}})",
         R"({"99999999999999999999":{"mac":"aabbccddeeff","cn":"1"},"-1":{"mac":"aabbccddeeff","cn":"1"},"1e5":{"mac":"aabbccddeeff","cn":"1"}})",
         "{\"1\":{\"mac\":\"" + esc(mac_tail) + "\",\"cn\":\"" + esc(cn) + "\"},\"2\":{\"mac\":\"aa:bb:cc:dd:ee:ff\",\"dn\":\"" +
             esc(dn) + "\"," + ok_sched + "},\"3\":{\"mac\":\"" + std::string(300, 'a') + "\",\"cn\":\"x\"},"
             "\"4\":{\"mac\":\"001122334455\",\"cn\":\"" + std::string(500, 'L') + "\"}}",
         "{\"1\":{\"mac\":\"001122334455\",\"cn\":\"" + esc("\x01") + "ctl\"}}",
         "{\"1\":{\"mac\":\"001122334455\",\"cn\":\"a" + esc("\\") + "nb\"}}",
-        std::string(5000, '{'), "\xff\xfe{\"1\":{}}",
+        std::string(5000, '{'), "\xff\xfe{\"1\":{}}", std::string(3u << 20, ' '),
     };
     for (const char* sched : {
-             R"("type":1e300,"from":"0:00","to":"1:00")", R"("type":-1e300,"from":"0:00","to":"1:00")",
-             R"("type":0,"from":"99999999999-99999999999-1 0:0","to":"2099-1-1 0:0")",
-             R"("type":0,"from":"-2147483648--1--1 -1:-1","to":"x")",
+             R"("type":1e300,"from":"0:00","to":"1:00")", R"("type":0,"from":"99999999999-99999999999-1 0:0","to":"x")",
              R"("type":1,"from":"99999999999:99999999999","to":"-5:-5","weekly":[0,1,2,3,4,5,6])",
-             R"("type":1,"from":"0:00","to":"1:00","weekly":{"0":1})",
              R"("type":1,"from":"0:00","to":"1:00","weekly":[1e300,-1e300,[0],{}])",
-             R"("type":1,"from":"0:00","to":"1:00","weekly":[],"monthly":"all")",
              R"("type":1,"from":"0:00","to":"1:00","monthly":[1e300,null,"1"])"})
         bodies.push_back(with_schedule(sched));
     // The valid rules above, as the kernel may see them ("MAC CONTENT").
-    rules.rule_pairs = {"aabbccddeeff 1", mac_tail.substr(0, 31) + " " + cn, "aa:bb:cc:dd:ee:ff " + dn};
+    rule_pairs = {"aabbccddeeff 1", mac_tail.substr(0, 31) + " " + cn, "aa:bb:cc:dd:ee:ff " + dn};
     for (size_t n = 0; n < bodies.size(); ++n) {
         const std::string path = w.dir() + "/rules" + std::to_string(n) + ".json";
         std::ofstream(path, std::ios::binary) << bodies[n];
         EXPECT_EQ(w.zorctl({"pc", "rule", path}), 0) << bodies[n].substr(0, 200);
         ASSERT_FALSE(w.wait_exit(0ms).has_value()) << "died on " << bodies[n].substr(0, 200) << "\n" << w.service_output();
     }
-    const std::string big = w.dir() + "/big.json";
-    std::ofstream(big) << std::string(3u << 20, ' ');
-    EXPECT_EQ(w.zorctl({"pc", "rule", big}), 0);
     EXPECT_EQ(w.zorctl({"pc", "on"}), 0);
     EXPECT_EQ(w.zorctl({"pc", "off"}), 0);
     EXPECT_GT(w.ctrl_count("pc rule add 1 aabbccddeeff 1 "), 0u) << "no valid rule was ever applied";
