@@ -2,11 +2,9 @@
 
 #include <fcntl.h>
 #include <linux/netlink.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,17 +18,13 @@
 #include <sstream>
 #include <thread>
 
+#include "ipc_client.h"
+
 extern char** environ;
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string slurp(const std::string& path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
-}
 
 int decode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
@@ -113,7 +107,7 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
         std::ofstream(dir_ + "/categories.src") << cfg.categories;
         xdb = dir_ + "/categories.xdb";
         if (run({ZOR_E2E_XDBC, "build", dir_ + "/categories.src", xdb}, dir_ + "/xdbc.out") != 0)
-            return err = "xdbc failed: " + slurp(dir_ + "/xdbc.out"), false;
+            return err = "xdbc failed: " + zor_test::read_file(dir_ + "/xdbc.out"), false;
     }
     std::ofstream ini(dir_ + "/zor.ini");
     ini << "[zor]\nauth_id = e2e-account\nauth_pwd = e2e-password\nhost = e2e-host\nproduct = e2e-product\n"
@@ -127,7 +121,7 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     args.insert(args.end(), cfg.service_args.begin(), cfg.service_args.end());
     if ((pid_ = spawn(args, dir_ + "/service.out")) < 0) return err = "cannot spawn world.sh", false;
     // The service loads the module last: once zor is loaded, everything is up.
-    bool up = wait_for([&] {
+    bool up = zor_test::eventually([&] {
         auto m = lines_of("modules");
         return std::any_of(m.begin(), m.end(), [](auto& l) { return l.rfind("zor ", 0) == 0; }) ||
                wait_exit(0ms).has_value();
@@ -138,11 +132,11 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     else if (!up)
         err = "the service did not load its module; its output: " + service_output();
     else if (cfg.session && kernsim({"announce"}) != 0)
-        err = "kernsim announce failed: " + slurp(dir_ + "/kernsim.out");
+        err = "kernsim announce failed: " + zor_test::read_file(dir_ + "/kernsim.out");
     else if (cfg.session && !wait_ctrl("env server_port " + std::to_string(pid_), slow))
         err = "the service never told the kernel its port";
     // Keys sent before the login is held would be dropped with their batch.
-    else if (cfg.session && !wait_for([&] { return logged_in(); }, slow))
+    else if (cfg.session && !zor_test::eventually([&] { return logged_in(); }, slow))
         err = "no cloud login; the log:\n" + service_log();
     else
         return true;
@@ -151,16 +145,12 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
 
 std::vector<std::string> sim_world::lines_of(const std::string& name) const {
     std::vector<std::string> out;
-    std::istringstream in(slurp(dir_ + "/" + name));
+    std::istringstream in(zor_test::read_file(dir_ + "/" + name));
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
 }
-std::string sim_world::service_log() const { return slurp(dir_ + "/log/zorsrv.log"); }
-std::string sim_world::service_output() const { return slurp(dir_ + "/service.out"); }
-bool sim_world::ctrl_file_exists() const {
-    struct stat st;
-    return stat((dir_ + "/zor/ctrl").c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
+std::string sim_world::service_log() const { return zor_test::read_file(dir_ + "/log/zorsrv.log"); }
+std::string sim_world::service_output() const { return zor_test::read_file(dir_ + "/service.out"); }
 size_t sim_world::ctrl_count(const std::string& prefix) const {
     auto lines = ctrl_lines();
     return std::count_if(lines.begin(), lines.end(), [&](auto& l) { return l.rfind(prefix, 0) == 0; });
@@ -174,15 +164,8 @@ long sim_world::rss_anon_kb() const {
     return kb;
 }
 
-bool sim_world::wait_for(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
-    for (auto deadline = std::chrono::steady_clock::now() + timeout;; std::this_thread::sleep_for(20ms)) {
-        if (done()) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-    }
-}
-
 bool sim_world::wait_ctrl(const std::string& line, std::chrono::milliseconds timeout) const {
-    return wait_for([&] {
+    return zor_test::eventually([&] {
         auto lines = ctrl_lines();
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }, timeout);
@@ -216,30 +199,25 @@ std::optional<std::string> sim_world::ipc_raw(const std::string& bytes, std::chr
         return std::nullopt;
     }
     for (size_t off = 0; off < bytes.size();) {
-        ssize_t n = send(fd, bytes.data() + off, chunk > 0 ? std::min(chunk, bytes.size() - off) : bytes.size() - off,
-                         MSG_NOSIGNAL);
+        ssize_t n = send(fd, bytes.data() + off, std::min(chunk ? chunk : bytes.size(), bytes.size() - off), MSG_NOSIGNAL);
         if (n <= 0) break;  // the service may close early: that is its right
         off += static_cast<size_t>(n);
         if (chunk > 0) std::this_thread::sleep_for(20ms);
     }
     if (half_close) shutdown(fd, SHUT_WR);
+    const long ms = std::max<long>(wait.count(), 1);
+    timeval tv{ms / 1000, ms % 1000 * 1000};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     std::string reply;
     char buf[1024];
-    ssize_t n = 0;
-    for (auto deadline = std::chrono::steady_clock::now() + wait;;) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd p{fd, POLLIN, 0};
-        if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) != 1 || (n = recv(fd, buf, sizeof buf, 0)) <= 0)
-            break;
-        reply.append(buf, static_cast<size_t>(n));
-    }
+    for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) reply.append(buf, static_cast<size_t>(n));
     close(fd);
     return reply;
 }
 
 std::optional<int> sim_world::wait_exit(std::chrono::milliseconds timeout) {
     if (!status_ && pid_ > 0) {
-        wait_for([&] {
+        zor_test::eventually([&] {
             int status = 0;
             pid_t r = waitpid(pid_, &status, WNOHANG);
             if (r == pid_) status_ = decode(status);
@@ -258,11 +236,8 @@ std::optional<int> sim_world::stop() {
 }
 
 std::string ipc_request_bytes(int32_t cmd, int32_t type, const std::string& text) {
-    std::string r(264, '\0');
-    memcpy(&r[0], &cmd, 4);
-    memcpy(&r[4], &type, 4);
-    memcpy(&r[8], text.data(), std::min<size_t>(text.size(), 256));
-    return r;
+    const ipc_request r = zor_test::make_request(cmd, text, type);
+    return std::string(reinterpret_cast<const char*>(&r), sizeof r);
 }
 
 void world_test::SetUp() {

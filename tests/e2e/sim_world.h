@@ -15,12 +15,12 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cloudsim.h"
+#include "test_util.h"
 
 struct world_config {
     std::vector<std::string> service_args;  // options besides -i and -l
@@ -64,14 +64,10 @@ public:
     std::vector<std::string> lines_of(const std::string& name) const;  // of a file in dir()
     std::string service_log() const;
     std::string service_output() const;  // standard output and error
-    bool ctrl_file_exists() const;
     size_t ctrl_count(const std::string& prefix) const;
     // RssAnon of the service in KiB; -1 when it is gone.
     long rss_anon_kb() const;
 
-    // Polls `done` every 20 ms until it holds or `timeout` passes.
-    static bool wait_for(const std::function<bool()>& done,
-                         std::chrono::milliseconds timeout = std::chrono::seconds(20));
     bool wait_ctrl(const std::string& line, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
 
     // Runs kernsim (its commands and options after -p) or zorctl against the
@@ -81,8 +77,8 @@ public:
     bool logged_in() const;  // as `zorctl --json status` says
     // Writes `bytes` to the command socket (`chunk` bytes at a time with a
     // pause between when chunk > 0), half-closes when asked, and reads what
-    // comes back until the service closes or `wait` passes. nullopt when no
-    // connection could be made.
+    // comes back until the service closes or sends nothing for `wait`.
+    // nullopt when no connection could be made.
     std::optional<std::string> ipc_raw(const std::string& bytes, std::chrono::milliseconds wait,
                                        bool half_close = true, size_t chunk = 0) const;
 

@@ -115,7 +115,7 @@ TEST_P(Lifecycle, MemcheckFindsNoLeakNoInvalidAccessNoOpenDescriptor) {
         ASSERT_TRUE(cloud.apply("query * delay 60000", &err)) << err;
         const size_t asked = cloud.count("query");
         ASSERT_EQ(w.kernsim({"domain", "slow.example", "flags=1"}), 0);
-        EXPECT_TRUE(sim_world::wait_for([&] { return cloud.count("query") > asked; }, kSlow));
+        EXPECT_TRUE(zor_test::eventually([&] { return cloud.count("query") > asked; }, kSlow));
         kill(w.pid(), SIGTERM);
     }
     const std::optional<int> status = w.wait_exit(kSlow);
