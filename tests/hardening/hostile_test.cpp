@@ -51,10 +51,9 @@ protected:
         world_test::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
         ASSERT_TRUE(start(w, {.categories = ".hit.example 0x0305\n198.51.100.0/24 0x0102\n", .session = true}));
-        insmod = "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 ";
         // One round of ordinary work first, so that what is measured after a
         // group is growth, not start-up.
-        ASSERT_TRUE(flush_to_cloud(send_keys({"warm.example", "www.hit.example"})));
+        ASSERT_TRUE(verdict_arrives(send_keys({"warm.example", "www.hit.example"})));
         before_kb = w.rss_anon_kb();
         ASSERT_GT(before_kb, 0);
         mark = w.ctrl_lines().size();
@@ -81,7 +80,9 @@ protected:
         static const std::regex word(R"re(\[ -f /proc/zor/ctrl \] && echo "((?:[^"\\$`]|\\["\\$`])*)" > /proc/zor/ctrl)re");
         static const std::regex u2k("db key2group u2k (?:20|21|22) (.*)"), add("pc rule add [12] (.*) [0-9]{1,10} [0-9]{1,10}"),
             update("db key2group update [12] (?:20|21|22) (.*) -?[0-9]{1,10} [0-9]{1,10} [0-9]{1,10}");
-        if (line == "lsmod | grep -w ^zor_service" || line == insmod) return "";
+        if (line == "lsmod | grep -w ^zor_service" ||
+            line == "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 ")
+            return "";
         std::smatch m;
         if (line.size() > 512 || !std::regex_match(line, m, word)) return "not a command of the intended shapes";
         const std::string body = std::regex_replace(m[1].str(), std::regex(R"(\\(.))"), "$1");
@@ -125,7 +126,8 @@ protected:
         return true;
     }
 
-    bool flush_to_cloud(const std::string& key) {
+    // Waits (with wakes) until `key` had its verdict from the cloud.
+    bool verdict_arrives(const std::string& key) {
         return with_wakes([&] { return w.ctrl_count("db key2group update 1 20 " + key + " ") > 0; });
     }
 
@@ -150,7 +152,6 @@ protected:
 #endif
     }
 
-    std::string insmod;                // the one module line, exactly
     std::set<std::string> keys;        // key texts that may reach the kernel
     std::set<std::string> rule_pairs;  // "MAC CONTENT" of rules that may be added
     long before_kb = -1;
@@ -264,11 +265,7 @@ TEST_F(Hostile, CommandSocketGarbageIsSurvived) {
     std::string noise(65536, '\0');
     for (char& c : noise) c = static_cast<char>(rng());
     const std::string subst = "$(touch " + marker("ipc") + ")", status = ipc_request_bytes(70, 0, "");
-    struct row {
-        const char* what;
-        std::string bytes;
-        size_t chunk = 0;
-    };
+    struct row { const char* what; std::string bytes; size_t chunk = 0; };
     const std::vector<row> rows = {
         {"263 bytes", status.substr(0, 263)},
         {"64 KiB of random bytes", noise},
@@ -313,9 +310,7 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
     many += "\"c-huge.example\":[20,0,0,1,9,9]}}";
     // Key, the reply to its query, and the verdict the kernel must then get
     // (empty: none).
-    struct row {
-        std::string key, action, verdict;
-    };
+    struct row { std::string key, action, verdict; };
     const std::vector<row> rows = {
         {"c-empty.example", "raw 200"},
         {"c-notbase64.example", "raw 200 !!!! not base64 ~~~~"},
@@ -354,7 +349,7 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
     // is dropped by design, so ordinary work resumes once it is.
     ASSERT_TRUE(zor_test::eventually([&] { return cloud.count("login") >= 2 && w.logged_in(); }, 60s)) << "no new login";
     EXPECT_EQ(cloud.count("login"), 2u);
-    EXPECT_TRUE(flush_to_cloud(send_keys({"after-cloud.example"}))) << w.service_log().substr(0, 4000);
+    EXPECT_TRUE(verdict_arrives(send_keys({"after-cloud.example"}))) << w.service_log().substr(0, 4000);
     check_alive_and_bounded("broken cloud replies");
 }
 
@@ -363,35 +358,24 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
 // syntax (a MAC text may carry any tail after twelve digits), and files that
 // are not rule files at all. Only valid rules reach the kernel, as text.
 TEST_F(Hostile, RuleFilesWithWrongTypesEverywhere) {
-    const std::string sub = "$(touch " + marker("rule") + ")";
-    const std::string mac_tail = "aabbccddeeff:" + sub;
-    const std::string cn = "\"; touch " + marker("cn") + "; \"";
-    const std::string dn = "`touch " + marker("dn") + "`";
-    const std::string ok_sched = R"("schedule":{"type":1,"from":"0:00","to":"23:59","weekly":[0,1,2,3,4,5,6]})";
-    auto esc = [](const std::string& s) {
-        std::string o;
-        for (char c : s) o += (c == '"' || c == '\\') ? std::string("\\") + c : std::string(1, c);
-        return o;
-    };
-    auto with_schedule = [](const std::string& sched) {
-        return R"({"1":{"mac":"aabbccddeeff","cn":"1","schedule":{)" + sched + "}}}";
-    };
-    std::vector<std::string> bodies = {
+    // Texts of shell syntax; only the quotes of `cn` need escaping in JSON.
+    const std::string mac_tail = "aabbccddeeff:$(touch " + marker("rule") + ")", dn = "`touch " + marker("dn") + "`";
+    const std::string cn = "\"; touch " + marker("cn") + "; \"", cn_json = "\\\"; touch " + marker("cn") + "; \\\"";
+    const std::string sched = R"({"1":{"mac":"aabbccddeeff","cn":"1","schedule":{)";
+    const std::vector<std::string> bodies = {
         "\"rules\"", R"({"1":{"mac":["aabbccddeeff"],"cn":{}}})",
         R"({"99999999999999999999":{"mac":"aabbccddeeff","cn":"1"},"-1":{"mac":"aabbccddeeff","cn":"1"},"1e5":{"mac":"aabbccddeeff","cn":"1"}})",
-        "{\"1\":{\"mac\":\"" + esc(mac_tail) + "\",\"cn\":\"" + esc(cn) + "\"},\"2\":{\"mac\":\"aa:bb:cc:dd:ee:ff\",\"dn\":\"" +
-            esc(dn) + "\"," + ok_sched + "},\"3\":{\"mac\":\"" + std::string(300, 'a') + "\",\"cn\":\"x\"},"
-            "\"4\":{\"mac\":\"001122334455\",\"cn\":\"" + std::string(500, 'L') + "\"}}",
-        "{\"1\":{\"mac\":\"001122334455\",\"cn\":\"" + esc("\x01") + "ctl\"}}",
-        "{\"1\":{\"mac\":\"001122334455\",\"cn\":\"a" + esc("\\") + "nb\"}}",
+        R"({"1":{"mac":")" + mac_tail + R"(","cn":")" + cn_json + R"("},"2":{"mac":"aa:bb:cc:dd:ee:ff","dn":")" + dn +
+            R"(","schedule":{"type":1,"from":"0:00","to":"23:59","weekly":[0,1,2,3,4,5,6]}},"3":{"mac":")" +
+            std::string(300, 'a') + R"(","cn":"x"},"4":{"mac":"001122334455","cn":")" + std::string(500, 'L') + R"("}})",
+        R"({"1":{"mac":"001122334455","cn":")" "\x01" R"(ctl"}})", R"({"1":{"mac":"001122334455","cn":"a\\nb"}})",
         std::string(5000, '{'), "\xff\xfe{\"1\":{}}", std::string(3u << 20, ' '),
+        sched + R"("type":1e300,"from":"0:00","to":"1:00"}}})",
+        sched + R"("type":0,"from":"99999999999-99999999999-1 0:0","to":"x"}}})",
+        sched + R"("type":1,"from":"99999999999:99999999999","to":"-5:-5","weekly":[0,1,2,3,4,5,6]}}})",
+        sched + R"("type":1,"from":"0:00","to":"1:00","weekly":[1e300,-1e300,[0],{}]}}})",
+        sched + R"("type":1,"from":"0:00","to":"1:00","monthly":[1e300,null,"1"]}}})",
     };
-    for (const char* sched : {
-             R"("type":1e300,"from":"0:00","to":"1:00")", R"("type":0,"from":"99999999999-99999999999-1 0:0","to":"x")",
-             R"("type":1,"from":"99999999999:99999999999","to":"-5:-5","weekly":[0,1,2,3,4,5,6])",
-             R"("type":1,"from":"0:00","to":"1:00","weekly":[1e300,-1e300,[0],{}])",
-             R"("type":1,"from":"0:00","to":"1:00","monthly":[1e300,null,"1"])"})
-        bodies.push_back(with_schedule(sched));
     // The valid rules above, as the kernel may see them ("MAC CONTENT").
     rule_pairs = {"aabbccddeeff 1", mac_tail.substr(0, 31) + " " + cn, "aa:bb:cc:dd:ee:ff " + dn};
     for (size_t n = 0; n < bodies.size(); ++n) {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <regex>
 
 #include "sim_world.h"
 
@@ -21,22 +22,6 @@ using namespace std::chrono_literals;
 constexpr const char* kValgrind = "/usr/bin/valgrind";
 constexpr int kValgrindError = 97;
 constexpr auto kSlow = 90s;  // everything is some ten times slower under memcheck
-
-// The descriptors and sockets memcheck found open at exit that the service
-// opened itself: "Open file descriptor 5: ...", then its origin.
-std::vector<std::string> own_open_fds(const std::vector<std::string>& log) {
-    std::vector<std::string> out;
-    std::string open;
-    for (const std::string& line : log) {
-        if (size_t at = line.find("== Open "); at != std::string::npos) {
-            open = line.substr(at + 3);
-        } else if (!open.empty()) {
-            if (line.find("<inherited from parent>") == std::string::npos) out.push_back(open);
-            open.clear();
-        }
-    }
-    return out;
-}
 
 enum class ending { ipc_exit, sigterm, refused_account, bad_category_file };
 
@@ -119,14 +104,16 @@ TEST_P(Lifecycle, MemcheckFindsNoLeakNoInvalidAccessNoOpenDescriptor) {
         kill(w.pid(), SIGTERM);
     }
     const std::optional<int> status = w.wait_exit(kSlow);
-    const std::vector<std::string> log = w.lines_of("memcheck.log");
-    std::string text;
-    for (const std::string& l : log) text += l + "\n";
-    ASSERT_TRUE(status.has_value()) << "still running\n" << text;
-    EXPECT_NE(text.find("== Command: " + service), std::string::npos) << "memcheck did not run the service:\n" << text;
+    const std::string log = zor_test::read_file(w.dir() + "/memcheck.log");
+    ASSERT_TRUE(status.has_value()) << "still running\n" << log;
+    EXPECT_NE(log.find("== Command: " + service), std::string::npos) << "memcheck did not run the service:\n" << log;
     // Definitely and indirectly lost blocks count as errors here.
-    EXPECT_NE(text.find("== ERROR SUMMARY: 0 errors from 0 contexts"), std::string::npos) << text << w.service_output();
-    for (const std::string& fd : own_open_fds(log)) ADD_FAILURE() << "left open at exit: " << fd << "\n" << text;
+    EXPECT_NE(log.find("== ERROR SUMMARY: 0 errors from 0 contexts"), std::string::npos) << log << w.service_output();
+    // "Open file descriptor 5: ..." (or socket), then where it was opened,
+    // unless it came from the parent.
+    static const std::regex open_fd("== (Open [^\n]*)\n==[0-9]+==(?! +<inherited from parent>)");
+    for (std::sregex_iterator i(log.begin(), log.end(), open_fd), end; i != end; ++i)
+        ADD_FAILURE() << "left open at exit: " << (*i)[1] << "\n" << log;
     EXPECT_EQ(*status, c.status) << (*status == kValgrindError ? "memcheck found errors" : "") << "\n"
                                  << w.service_output();
     if (c.how == ending::refused_account) {  // both modules unloaded, the service's own first
