@@ -4,8 +4,6 @@
 // the modules loaded), what the shell ran, or what the cloud was asked.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "sim_world.h"
 
 namespace {
@@ -13,12 +11,6 @@ namespace {
 using namespace std::chrono_literals;
 using lines = std::vector<std::string>;
 using EndToEnd = world_test;
-
-std::string joined(const lines& all) {
-    std::string s;
-    for (const std::string& l : all) s += "  " + l + "\n";
-    return s;
-}
 
 TEST_F(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
     const struct {
@@ -58,11 +50,11 @@ TEST_F(EndToEnd, KeysAreAnsweredFromTheCategoryFileTheCloudAndTheCache) {
                             "db key2group update 2 20 www.local.example 86400 3 5",
                             "db key2group update 2 21 198.51.100.7 86400 1 2",
                             "db key2group update 1 20 nobody.example 86400 0 0"};
-    for (const std::string& v : verdicts) EXPECT_TRUE(w.wait_ctrl(v)) << v << "\n" << joined(w.ctrl_lines());
+    for (const std::string& v : verdicts) EXPECT_TRUE(w.wait_ctrl(v)) << v << "\n" << testing::PrintToString(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "www.news.example", "flags=1"}), 0);
-    ASSERT_TRUE(zor_test::eventually([&] { return w.ctrl_count(verdicts[0]) == 2; }, 20s)) << joined(w.ctrl_lines());
+    ASSERT_TRUE(zor_test::eventually([&] { return w.ctrl_count(verdicts[0]) == 2; }, 20s)) << testing::PrintToString(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "fence.example", "flags=1"}), 0);
-    ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 fence.example 86400 0 0")) << joined(w.ctrl_lines());
+    ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 fence.example 86400 0 0")) << testing::PrintToString(w.ctrl_lines());
     lines queries;
     for (const auto& r : cloud.requests())
         if (r.endpoint == "query") queries.push_back(r.detail);

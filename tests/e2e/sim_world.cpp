@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -190,14 +189,9 @@ bool sim_world::logged_in() const {
 
 std::optional<std::string> sim_world::ipc_raw(const std::string& bytes, std::chrono::milliseconds wait,
                                               bool half_close, size_t chunk) const {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    snprintf(addr.sun_path, sizeof addr.sun_path, "%s/run/.ipc.socket", dir_.c_str());
-    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        if (fd >= 0) close(fd);
-        return std::nullopt;
-    }
+    zor_test::ipc_socket conn(dir_ + "/run/.ipc.socket");
+    const int fd = conn.fd();
+    if (!conn.ok()) return std::nullopt;
     for (size_t off = 0; off < bytes.size();) {
         ssize_t n = send(fd, bytes.data() + off, std::min(chunk ? chunk : bytes.size(), bytes.size() - off), MSG_NOSIGNAL);
         if (n <= 0) break;  // the service may close early: that is its right
@@ -211,7 +205,6 @@ std::optional<std::string> sim_world::ipc_raw(const std::string& bytes, std::chr
     std::string reply;
     char buf[1024];
     for (ssize_t n; (n = recv(fd, buf, sizeof buf, 0)) > 0;) reply.append(buf, static_cast<size_t>(n));
-    close(fd);
     return reply;
 }
 
