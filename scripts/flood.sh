@@ -44,7 +44,7 @@ for n in "$seconds" "$rate" "$rss_limit"; do
     [[ $n =~ ^[1-9][0-9]*$ ]] || { echo "flood: not a positive whole number: $n" >&2; exit 2; }
 done
 
-source scripts/harden_world.sh
+source scripts/world_lib.sh
 world_check zor_service tools/world/flood_sh
 
 # --- the world: a category file, the slow cloud, the service -----------------------

@@ -16,7 +16,8 @@
 # ZOR_JOBS (default 2) jobs. ZOR_FOOTPRINT_PATTERNS sets the category file's
 # domain rules (default 100000); ZOR_FOOTPRINT_KEEP=1 keeps the work
 # directory (logs, world, category file). Exit status 0 when every figure is within
-# its target, 1 when one is not, 2 when the measurement could not be made.
+# its target, 1 when one is not, 2 when the measurement could not be made, 77
+# when the simulated world cannot be built here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -24,37 +25,14 @@ build=${1:-build}
 seconds=${ZOR_FOOTPRINT_SECONDS:-60}
 patterns=${ZOR_FOOTPRINT_PATTERNS:-100000}
 
-fail() { echo "footprint: $*" >&2; exit 2; }
-
-[ "$(id -u)" -eq 0 ] || fail "needs root (the simulated world)"
 if [ ! -f "$build/CMakeCache.txt" ]; then
     cmake -S . -B "$build" -G "Unix Makefiles" >/dev/null
 fi
 cmake --build "$build" -j "${ZOR_JOBS:-2}" --target zor_service cloudsim kernsim xdbc world_sh >/dev/null
 
-work=$(mktemp -d /tmp/zor_footprint.XXXXXX)
-service_pid=""
-cloud_pid=""
-cleanup() {
-    if [ -n "$service_pid" ] && kill -0 "$service_pid" 2>/dev/null; then
-        kill -TERM "$service_pid" 2>/dev/null || true
-        for _ in $(seq 50); do kill -0 "$service_pid" 2>/dev/null || break; sleep 0.1; done
-        kill -KILL "$service_pid" 2>/dev/null || true
-    fi
-    if [ -n "$cloud_pid" ]; then kill -TERM "$cloud_pid" 2>/dev/null || true; wait "$cloud_pid" 2>/dev/null || true; fi
-    if [ -n "${ZOR_FOOTPRINT_KEEP:-}" ]; then echo "footprint: kept $work" >&2; else rm -rf "$work"; fi
-}
-trap cleanup EXIT
-
-# Waits up to $1 tenths of a second for the command that follows to succeed.
-wait_until() {
-    local tenths=$1; shift
-    for _ in $(seq "$tenths"); do
-        if "$@"; then return 0; fi
-        sleep 0.1
-    done
-    return 1
-}
+keep=${ZOR_FOOTPRINT_KEEP:-}
+source scripts/world_lib.sh
+world_check tools/world/world_sh
 
 # --- a category file of $patterns domain rules and a few networks --------------
 awk -v n="$patterns" 'BEGIN {
@@ -72,38 +50,10 @@ awk -v n="$patterns" 'BEGIN {
 "$build/tools/xdbc/xdbc" build "$work/categories.src" "$work/categories.xdb" >/dev/null
 xdb_bytes=$(stat -c %s "$work/categories.xdb")
 
-# --- the cloud ---------------------------------------------------------------
-"$build/tools/cloudsim/cloudsim" -P "$work/cloud.port" -l "$work/cloud.log" >"$work/cloud.out" 2>&1 &
-cloud_pid=$!
-wait_until 100 test -s "$work/cloud.port" || fail "the cloud simulator did not start: $(cat "$work/cloud.out")"
-
-# --- the service in the simulated world ----------------------------------------
-mkdir -p "$work/opt" "$work/world"
-echo "not a real module" > "$work/opt/zor.ko"
-cat > "$work/zor.ini" <<EOF
-[zor]
-auth_id = footprint-account
-auth_pwd = footprint-password
-host = footprint-host
-product = footprint-product
-root = $work/opt
-writable_root = $work/run
-server = 127.0.0.1:$(cat "$work/cloud.port")
-log_level = 6
-xdb = $work/categories.xdb
-EOF
-bash tools/world/world.sh -s "$build/tools/world/world_sh" "$work/world" \
-    "$build/zor_service" -i "$work/zor.ini" -l "$work/log" >"$work/service.out" 2>&1 &
-service_pid=$!
-
-module_loaded() { grep -q '^zor ' "$work/world/modules" 2>/dev/null; }
-wait_until 300 module_loaded || fail "the service did not start: $(cat "$work/service.out")"
-"$build/tools/kernsim/kernsim" -p "$service_pid" -w 5 announce >/dev/null ||
-    fail "kernsim could not announce the family"
-port_told() { grep -q "env server_port $service_pid" "$work/world/ctrl.log" 2>/dev/null; }
-wait_until 100 port_told || fail "the service never told the kernel its port"
-logged_in() { grep -q ' ping .* 200 ' "$work/cloud.log" 2>/dev/null; }
-wait_until 300 logged_in || fail "the service did not log in to the cloud simulator"
+# --- the cloud and the service in the simulated world ---------------------------
+world_cloud
+world_service "$build/zor_service" "$build/tools/world/world_sh"
+world_announce
 sleep 3  # start-up work (log lines, first timer rounds) is over
 
 # --- idle private memory -------------------------------------------------------

@@ -44,7 +44,7 @@ done
 [ "$interval" -gt 0 ] && [ "$seconds" -ge $((4 * interval)) ] ||
     { echo "soak: the run must last at least four intervals" >&2; exit 2; }
 
-source scripts/harden_world.sh
+source scripts/world_lib.sh
 world_check tests/hardening/zor_service_soak tools/world/flood_sh tools/zorctl/zorctl
 
 printf '.hit.example 0x0305\n198.51.100.0/24 0x0102\n' > "$work/categories.src"

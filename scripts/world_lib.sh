@@ -1,4 +1,4 @@
-# harden_world.sh: sourced by flood.sh and soak.sh. Builds the simulated
+# world_lib.sh: sourced by flood.sh, soak.sh and footprint.sh. Builds the simulated
 # world around one zor_service (tools/world/world.sh), its cloud simulator and
 # kernsim, measures the process, and keeps the PASS/FAIL tally. Everything
 # started here is stopped by the exit trap; the work directory goes with it
@@ -30,7 +30,7 @@ world_check() {
     for p in "$@" tools/kernsim/kernsim tools/cloudsim/cloudsim tools/xdbc/xdbc; do
         [ -x "$build/$p" ] || fail "$build/$p is not built (cmake --build $build -j2 --target ${p##*/})"
     done
-    work=$(mktemp -d /tmp/zor_harden.XXXXXX)
+    work=$(mktemp -d /tmp/zor_world.XXXXXX)
     trap cleanup EXIT
 }
 
@@ -44,10 +44,14 @@ wait_until() {
     return 1
 }
 
-# world_cloud SCRIPT_LINE: the cloud simulator, scripted.
+# world_cloud [SCRIPT_LINE]: the cloud simulator, scripted when a line is given.
 world_cloud() {
-    echo "$1" > "$work/cloud.script"
-    "$build/tools/cloudsim/cloudsim" -s "$work/cloud.script" -P "$work/cloud.port" -l "$work/cloud.log" \
+    local script=()
+    if [ -n "${1:-}" ]; then
+        echo "$1" > "$work/cloud.script"
+        script=(-s "$work/cloud.script")
+    fi
+    "$build/tools/cloudsim/cloudsim" "${script[@]}" -P "$work/cloud.port" -l "$work/cloud.log" \
         > "$work/cloud.out" 2>&1 &
     cloud_pid=$!
     wait_until 100 test -s "$work/cloud.port" || fail "the cloud simulator did not start: $(cat "$work/cloud.out")"
@@ -61,10 +65,10 @@ world_service() {
     echo "not a real module" > "$work/opt/zor.ko"
     cat > "$work/zor.ini" <<EOF
 [zor]
-auth_id = harden-account
-auth_pwd = harden-password
-host = harden-host
-product = harden-product
+auth_id = world-account
+auth_pwd = world-password
+host = world-host
+product = world-product
 root = $work/opt
 writable_root = $work/run
 server = 127.0.0.1:$(cat "$work/cloud.port")
