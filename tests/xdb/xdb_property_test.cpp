@@ -1,7 +1,8 @@
 // The matcher against brute force (xdb_reference.h) on random pattern and
 // address sets: every confirmed record in the documented report order, the
 // first match the domain filter accepts, address rules against plain prefix
-// matching. Then what the comparison does not reach: the handed-over value.
+// matching, and every file scanned by a reader that does no bounds checks.
+// Then what the comparison does not reach: the handed-over value.
 #include <random>
 
 #include "xdb_test_util.h"
@@ -66,6 +67,41 @@ std::string random_name(rng& r, const std::vector<xdbc::pattern>& pats, const st
 
 uint32_t mask_of(int prefix) { return ~0u << (32 - prefix); }
 
+// A reader that trusts the file: it takes word s + c for state s and symbol
+// c without a bounds check. Walks every state such a reader can reach (by
+// transitions and failure links) with every symbol of the map, and returns
+// the highest word index it would read and the transition word count T.
+std::pair<uint64_t, uint32_t> unchecked_reach(const std::vector<uint8_t>& f) {
+    auto be = [&f](size_t at, size_t n) {
+        uint32_t v = 0;
+        for (size_t i = 0; i < n; ++i) v = v << 8 | f.at(at + i);
+        return v;
+    };
+    const size_t xac = 12, words = xac + 576;
+    const uint32_t mask = be(xac + 528, 4), shift = be(xac + 532, 4) & 31, T = be(xac + 552, 4);
+    std::vector<uint32_t> symbols;
+    for (size_t b = 0; b < 256; ++b)
+        if (uint32_t c = be(xac + 16 + 2 * b, 2)) symbols.push_back(c);
+    std::vector<bool> seen(T);
+    std::vector<uint32_t> queue;
+    uint64_t reach = 0;
+    auto visit = [&](uint64_t s) {
+        if (s < T && !seen[s]) seen[s] = true, queue.push_back(static_cast<uint32_t>(s));
+    };
+    if (T) visit(0);
+    for (size_t h = 0; h < queue.size(); ++h) {
+        const uint32_t s = queue[h];
+        if (s && !(be(words + 4 * size_t{s}, 4) & mask)) visit((be(words + 4 * size_t{s}, 4) & 0x3FFFFFFF) >> shift);
+        for (uint32_t c : symbols) {
+            reach = std::max(reach, uint64_t{s} + c);
+            if (s + c >= T) continue;
+            const uint32_t x = be(words + 4 * (size_t{s} + c), 4) ^ c;
+            if (!(x & mask)) visit((x & 0x3FFFFFFF) >> shift);
+        }
+    }
+    return {reach, T};
+}
+
 std::string dotted(uint32_t v) {
     return std::to_string(v >> 24) + "." + std::to_string(v >> 16 & 255) + "." + std::to_string(v >> 8 & 255) + "." +
            std::to_string(v & 255);
@@ -86,6 +122,8 @@ TEST(XdbProperty, AutomatonAgreesWithBruteForceOnRandomPatternSets) {
         const xdbc::compiled out = compile_patterns(pats, opt);
         category_db_ptr db = load(out.file);
         ASSERT_TRUE(db) << "set " << set;
+        const auto [reach, T] = unchecked_reach(out.file);
+        ASSERT_LT(reach, T) << "set " << set << ": an unchecked reader leaves the transition table";
         for (int k = 0; k < 30; ++k, ++compared) {
             const std::string name = random_name(r, pats, alphabet);
             const std::vector<match> want = xdbref::all_matches(opt, pats, out.layouts, name);
@@ -131,8 +169,11 @@ TEST(XdbProperty, AddressRulesMatchTheMostSpecificCoveringNetwork) {
             rules.push_back({base & mask_of(prefix), prefix, 1 + r.below(xdbc::kMaxId)});
             source += dotted(base) + "/" + std::to_string(prefix) + " " + std::to_string(rules.back().id) + "\n";
         }
-        category_db_ptr db = load(build_source(source));
+        const std::vector<uint8_t> file = build_source(source);
+        category_db_ptr db = load(file);
         ASSERT_TRUE(db) << source;
+        const auto [reach, T] = unchecked_reach(file);
+        ASSERT_LT(reach, T) << "an unchecked reader leaves the transition table\n" << source;
         std::vector<uint32_t> probes;
         for (int k = 0; k < 5; ++k) probes.push_back(firsts[r.below(3)] << 24 | static_cast<uint32_t>(r.next() & 0xFFFFFF));
         for (const cidr& c : rules) {

@@ -236,7 +236,9 @@ private:
 
     // First-fit placement: a state at base b owns slot b (its failure link)
     // and b + c for each of its symbols c. The search start skips regions
-    // that are nearly full.
+    // that are nearly full. The table is then padded so that b + c stays
+    // inside it for every symbol of the alphabet, not only the state's own:
+    // a reader may index the word of any symbol without a bounds check.
     void place_states() {
         std::vector<uint8_t> used(alphabet_ + 2, 0);
         auto claim = [&used](size_t at) {
@@ -246,7 +248,7 @@ private:
         auto taken = [&used](size_t at) { return at < used.size() && used[at]; };
         claim(0);
         for (auto& [c, v] : nodes_[0].kids) claim(c);
-        size_t next_check = 1;
+        size_t next_check = 1, last_base = 0;
         for (uint32_t u : order_) {
             node& n = nodes_[u];
             if (u == 0 || n.leaf) continue;
@@ -275,6 +277,7 @@ private:
             }
             const size_t b = pos - first;
             n.base = static_cast<uint32_t>(b);
+            last_base = std::max(last_base, b);
             claim(b);
             for (auto& [c, v] : n.kids) claim(b + c);
             if (busy * 20 >= (pos - next_check + 1) * 19) next_check = pos;
@@ -283,7 +286,7 @@ private:
         ++states_;  // the root
         size_t top = used.size();
         while (top > 0 && !used[top - 1]) --top;
-        trans_count_ = static_cast<uint32_t>(top);
+        trans_count_ = static_cast<uint32_t>(std::max(top, last_base + alphabet_ + 1));
     }
 
     bool write_transitions(std::string& error) {
