@@ -3,6 +3,7 @@
 #include <cjson/cJSON.h>
 #include <malloc.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
@@ -42,6 +43,7 @@ struct queued_event {
     uint32_t flags = 0;
     uint32_t data_type = 0;
     uint32_t data_len = 0;
+    uint64_t seq = 0;  // arrival order, from 1
     std::string text;  // the data field up to its first zero byte
 };
 
@@ -89,7 +91,7 @@ struct qmx_srv {
     // Reports accepted and not yet taken by the event worker, wherever they
     // wait: the 1025 cap applies to this count. Only the receive thread adds.
     std::atomic<uint32_t> queued{0};
-    std::atomic<uint64_t> received{0};  // reports handed over while running
+    std::atomic<uint64_t> received{0};  // reports handed over while running; numbers them
     std::atomic<uint64_t> dropped{0};   // of them, dropped at the cap
     std::atomic<uint64_t> finished{0};
 };
@@ -180,26 +182,42 @@ bool answer_from_cache(qmx_srv* s, const queued_event& ev) {
     return false;
 }
 
-void process_event(qmx_srv* s, const queued_event& ev) {
+// Looks the report up; true when it asks for the pending keys to go out now
+// (flag bit 0 on a report no verdict answered).
+bool process_event(qmx_srv* s, const queued_event& ev) {
     const unsigned now = now_seconds();
     const int type = static_cast<int>(ev.data_type);
     match_ctx m{s, &ev};
     bool known = true;
     if (is_domain(ev.data_type, ev.data_len)) {
         LOG_D("[%u] %d dn %s", now, type, ev.text.c_str());
-        if (xdb_match_domain(ev.text.c_str(), ev.text.size(), match_notifier, &m) != 0) return;
+        if (xdb_match_domain(ev.text.c_str(), ev.text.size(), match_notifier, &m) != 0) return false;
     } else if (is_address(ev.data_type, ev.data_len)) {
         LOG_D("[%u] %d ip %s", now, type, ev.text.c_str());
-        if (xdb_match_ipv4(ev.text.c_str(), match_notifier, &m) != 0) return;
+        if (xdb_match_ipv4(ev.text.c_str(), match_notifier, &m) != 0) return false;
     } else {
         known = false;
     }
-    if (known && answer_from_cache(s, ev)) return;
-    if ((ev.flags & 1u) && s->running.load()) wake_sender(s);
+    if (known && answer_from_cache(s, ev)) return false;
+    return (ev.flags & 1u) != 0;
 }
 
+// True while a report that arrived before report `seq` still waits for the
+// worker. The announcer hands reports over in arrival order, so when report
+// `seq` is taken every earlier one is either done or in the list, the oldest
+// at its tail.
+bool earlier_waiting(qmx_srv* s, uint64_t seq) {
+    std::lock_guard<std::mutex> g(s->event_list->lock);
+    list_node_t* oldest = s->event_list->tail;
+    return oldest && item_of<queued_event>(oldest)->seq < seq;
+}
+
+// Reports are taken newest first, so a flagged report may be looked up
+// before reports that arrived ahead of it and whose keys it is meant to send.
+// Its wake of the sender waits until none of those is left.
 void event_main(qmx_srv* s) {
     LOG_D("Start thread: receive data from netlink");
+    uint64_t flush_after = 0;  // newest flagged report whose wake is held; 0: none
     for (;;) {
         {
             std::unique_lock<std::mutex> lk(s->event_lock);
@@ -213,8 +231,12 @@ void event_main(qmx_srv* s) {
             if (!node) break;
             s->queued.fetch_sub(1);
             std::unique_ptr<queued_event> ev(item_of<queued_event>(node));
-            process_event(s, *ev);
+            if (process_event(s, *ev)) flush_after = std::max(flush_after, ev->seq);
             s->finished.fetch_add(1);
+            if (flush_after != 0 && !earlier_waiting(s, flush_after)) {
+                flush_after = 0;
+                if (s->running.load()) wake_sender(s);
+            }
         }
     }
 }
@@ -431,7 +453,7 @@ void qmx_srv_release() {
 void qmx_srv_handle_event(const nl_event* event) {
     qmx_srv* s = g_srv.load();
     if (!s || !s->running.load() || !event) return;
-    s->received.fetch_add(1);
+    const uint64_t seq = s->received.fetch_add(1) + 1;
     const uint32_t count = s->queued.load();
     LOG_D("get f=0x%08X, data_type=%d, data_len=%d, now count = %d", event->flags,
           static_cast<int>(event->data_type), static_cast<int>(event->data_len),
@@ -451,6 +473,7 @@ void qmx_srv_handle_event(const nl_event* event) {
     q->flags = event->flags;
     q->data_type = event->data_type;
     q->data_len = event->data_len;
+    q->seq = seq;
     q->node.data = q;
     s->queued.fetch_add(1);
     list_append(s->announce_list, &q->node);

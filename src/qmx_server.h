@@ -6,12 +6,14 @@
 // queues the report (it never waits beyond a short list lock: at 1025 queued
 // reports new ones are dropped); the announcer tells the kernel about each
 // queued report ("u2k") in arrival order and passes it on; the event worker
-// takes reports newest first and looks them up; the query sender sends the pending keys in batches of at
-// most 50 (only while the cloud is enabled and the session ready; otherwise
-// a batch is dropped); the trigger wakes the sender every 10 s while no key
-// is pending. start and release run on the main thread. All threads are
-// joined by release, which returns promptly: it stops accepting reports,
-// aborts a cloud query in flight and wakes every thread.
+// takes reports newest first and looks them up (a report with flag bit 0
+// wakes the sender once every report that arrived before it is looked up);
+// the query sender sends the pending keys in batches of at most 50 (only
+// while the cloud is enabled and the session ready; otherwise a batch is
+// dropped); the trigger wakes the sender every 10 s while no key is pending.
+// start and release run on the main thread. All threads are joined by
+// release, which returns promptly: it stops accepting reports, aborts a cloud
+// query in flight and wakes every thread.
 #pragma once
 
 #include <chrono>

@@ -88,7 +88,7 @@ protected:
         ASSERT_TRUE(zor_test::eventually(zor_ready));
     }
     void TearDown() override {
-        hold.opened = hold_u2k.opened = true;
+        hold.opened = hold_u2k.opened = hold_late.opened = true;
         qmx_srv_release();
         db_release();
         qmx_srv_set_trigger_interval(10s);
@@ -107,11 +107,12 @@ protected:
     static void cache(const std::string& key) { ASSERT_NE(db_get_or_add(20, key.c_str(), 0), nullptr); }
 
     // The worker stops on the verdict for "block.example" until `hold`
-    // opens; the announcer stops on the u2k of "held.example" until
-    // `hold_u2k` opens.
-    gate hold, hold_u2k;
+    // opens, and on that for "late.example" until `hold_late` opens; the
+    // announcer stops on the u2k of "held.example" until `hold_u2k` opens.
+    gate hold, hold_u2k, hold_late;
     cmd_recorder rec{[this](const std::string& line) {
         if (line.find("update 1 20 block.example ") != std::string::npos) hold.pass();
+        if (line.find("update 1 20 late.example ") != std::string::npos) hold_late.pass();
         if (line.find("u2k 20 held.example\"") != std::string::npos) hold_u2k.pass();
         return 0;
     }};
@@ -210,6 +211,30 @@ TEST_F(Workers, PendingKeysGoOutInBatchesOf50NewestFirst) {
     ASSERT_TRUE(wait_finished(184));
     EXPECT_EQ(rec.lines_with("update 1 20 off"), lines{ctrl("update 1 20 off7.example.com 0 0 0")});
     EXPECT_EQ(queries().size(), 3u);
+}
+
+// A flagged report that reaches the worker together with earlier ones is
+// taken first, yet it sends their keys: here the worker, held on a cached
+// key, finds a new key, another cached one and then an invalid flagged
+// report queued; the flag is looked at first and the sender is given time to
+// run before the new key is looked up.
+TEST_F(Workers, FlaggedReportSendsKeysReportedBeforeIt) {
+    qmxsrv_ctx.cloud_enabled = 1;
+    cache("block.example");
+    cache("late.example");
+    report(20, "block.example");
+    ASSERT_TRUE(zor_test::eventually([&] { return hold.entered.load(); }));
+    report(20, "fresh.example.com");
+    report(20, "late.example");
+    report(20, "flush", 1, 40);
+    ASSERT_TRUE(zor_test::eventually([] { return qmx_srv_lookup_events() == 3u; }));
+    hold.opened = true;
+    ASSERT_TRUE(zor_test::eventually([&] { return hold_late.entered.load(); }));
+    std::this_thread::sleep_for(100ms);
+    hold_late.opened = true;
+    ASSERT_TRUE(wait_finished(4));
+    EXPECT_TRUE(zor_test::eventually([&] { return !queries().empty(); })) << "the new key was never sent";
+    EXPECT_EQ(queries(), lines{R"({"q":[[20,"fresh.example.com",0,0]]})"});
 }
 
 // A query in flight is abandoned by the release, which never waits for the
