@@ -10,6 +10,7 @@
 #include "main.h"
 #include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
+#include "zor_ctrl.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ int count_names(const char* list) {
 
 std::string build_insmod_line(const char* root) {
     std::string cmd;
-    append_piece(cmd, "[ ! -f /proc/zor/ctrl ] && ");
+    append_piece(cmd, "[ ! -f %s ] && ", ZOR_CTRL_FILE);
     append_piece(cmd, "insmod %s/zor.ko ", root);
     if (ifwan) append_piece(cmd, "ifwan=%s ifwan_num=%d ", ifwan, count_names(ifwan));
     append_piece(cmd, "qos=%d pc=%d cloud=%d ", qos, pc, cloud);

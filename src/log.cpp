@@ -40,8 +40,6 @@ struct log_context {
     char dir[kNameMax + 1] = {};
     char name[kNameMax + 1] = {};
     char path[358] = {};  // "<dir>/<name>.log", built by the first line written
-    int open_mday = 0;    // day of the month of the last successful open
-    uint32_t max_size = kMaxSize;
 };
 
 namespace {
@@ -109,13 +107,7 @@ const char* short_name(const char* file) {
 file_ptr open_log(log_context* ctx) {
     snprintf(ctx->path, sizeof ctx->path, "%s/%s.log", ctx->dir, ctx->name);
     file_ptr fp(fopen(ctx->path, "a"));
-    if (!fp) {
-        fprintf(stderr, "failed to open log file %s! (%s,%s)\n", ctx->path, ctx->dir, ctx->name);
-        return fp;
-    }
-    time_t now = time(nullptr);
-    struct tm tm_now;
-    if (localtime_r(&now, &tm_now)) ctx->open_mday = tm_now.tm_mday;
+    if (!fp) fprintf(stderr, "failed to open log file %s! (%s,%s)\n", ctx->path, ctx->dir, ctx->name);
     return fp;
 }
 

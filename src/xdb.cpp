@@ -270,7 +270,10 @@ void mark_root_stays(xac_tables& tb) {
     if (leaving != 1) tb.root_single_start = -1;
 }
 
-// Steps 3 to 9: the xac block. Prints the failing step's message.
+// The automaton block: its block header, the 576-byte header and the flags
+// this matcher supports, then the transition and hash area, the pattern,
+// postfix and suffix tables, and a check of every table against the others.
+// Prints what failed on standard error.
 bool load_xac(byte_source& src, xac_tables& tb) {
     uint8_t block[XDB_BLOCK_HEADER_SIZE];
     if (!src.read(block, sizeof block)) {
@@ -345,8 +348,9 @@ bool load_xac(byte_source& src, xac_tables& tb) {
     return true;
 }
 
-// Step 11: the IPv4 prefilter. Failures leave the file without one. Only
-// the bytes the matcher uses are kept; the rest is read past.
+// The IPv4 prefilter block after the automaton. Failures leave the file
+// without one. Only the bytes the matcher uses are kept; the rest is read
+// past.
 void load_prefilter(byte_source& src, category_db& db) {
     uint8_t block[XDB_BLOCK_HEADER_SIZE];
     if (!src.read(block, sizeof block)) {

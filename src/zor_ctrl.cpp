@@ -18,11 +18,21 @@ struct bounded_line {
     bool cut = false;
 };
 
+// The shell line that echoes `text` (already escaped for double quotes) into
+// the control file when the file exists, bounded at N bytes.
+template <size_t N>
+bounded_line echo_line(const std::string& text) {
+    std::string line = std::string("[ -f ") + ZOR_CTRL_FILE + " ] && echo \"" + text + "\" > " + ZOR_CTRL_FILE;
+    if (line.size() < N) return {std::move(line), false};
+    line.resize(N - 1);
+    return {std::move(line), true};
+}
+
 template <size_t N, typename... Args>
-bounded_line bounded(const char* fmt, Args... args) {
+std::string format(const char* fmt, Args... args) {
     char buf[N] = {};
-    int n = snprintf(buf, sizeof buf, fmt, args...);
-    return {std::string(buf), n < 0 || static_cast<size_t>(n) >= N};
+    snprintf(buf, sizeof buf, fmt, args...);
+    return buf;
 }
 
 // A cut line has lost its closing quote or part of its redirection; what is
@@ -61,9 +71,7 @@ unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
 
 int zor_notify_u2k(int type, const char* key) {
     if (!key_is_safe("u2k", key)) return -1;
-    bounded_line cmd = bounded<kDbLineSize>(
-        "[ -f /proc/zor/ctrl ] && echo \"db key2group u2k %d %s\" > /proc/zor/ctrl", type,
-        shell_escape_dq(key).c_str());
+    bounded_line cmd = echo_line<kDbLineSize>("db key2group u2k " + std::to_string(type) + " " + shell_escape_dq(key));
     LOG_D("[%u] %s", now_seconds(), cmd.text.c_str());
     return run_line(cmd);
 }
@@ -71,15 +79,15 @@ int zor_notify_u2k(int type, const char* key) {
 int zor_notify_db_group(int source, int type, const char* key, int ttl, int group, int sub_group) {
     if (group < 0 || sub_group < 0) return -1;
     if (!key_is_safe("update", key)) return -1;
-    bounded_line cmd = bounded<kDbLineSize>(
-        "[ -f /proc/zor/ctrl ] && echo \"db key2group update %d %d %s %d %d %d\" > /proc/zor/ctrl",
-        source, type, shell_escape_dq(key).c_str(), ttl, group, sub_group);
+    bounded_line cmd = echo_line<kDbLineSize>(format<kDbLineSize>("db key2group update %d %d %s %d %d %d", source,
+                                                                  type, shell_escape_dq(key).c_str(), ttl, group,
+                                                                  sub_group));
     LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.text.c_str());
     return run_line(cmd);
 }
 
 const std::string& zor_ctrl_pc_clean_line() {
-    static const std::string line = "[ -f /proc/zor/ctrl ] && echo \"pc rule clean\" > /proc/zor/ctrl";
+    static const std::string line = echo_line<kDbLineSize>("pc rule clean").text;
     return line;
 }
 
@@ -88,15 +96,12 @@ std::optional<std::string> zor_ctrl_pc_add_line(int kind, const char* mac, const
     if (mac == nullptr || content == nullptr) return std::nullopt;
     if (has_control_bytes(mac) || has_control_bytes(content)) return std::nullopt;
     if (has_echo_escape(mac) || has_echo_escape(content)) return std::nullopt;
-    bounded_line line = bounded<kPcAddLineSize>(
-        "[ -f /proc/zor/ctrl ] && echo \"pc rule add %d %s %s %lu %lu\" > /proc/zor/ctrl", kind,
-        shell_escape_dq(mac).c_str(), shell_escape_dq(content).c_str(), from, to);
+    bounded_line line = echo_line<kPcAddLineSize>(format<kPcAddLineSize>(
+        "pc rule add %d %s %s %lu %lu", kind, shell_escape_dq(mac).c_str(), shell_escape_dq(content).c_str(), from, to));
     if (line.cut) return std::nullopt;
     return line.text;
 }
 
 std::string zor_ctrl_server_port_line(int pid) {
-    return bounded<kDbLineSize>("[ -f /proc/zor/ctrl ] && echo \"env server_port %d\" > /proc/zor/ctrl",
-                                pid)
-        .text;
+    return echo_line<kDbLineSize>("env server_port " + std::to_string(pid)).text;
 }
