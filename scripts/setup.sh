@@ -9,6 +9,8 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev libcpp-httplib-dev
   clang-14 libclang-rt-14-dev valgrind
   iproute2 util-linux procps kmod openssl
+  # Packaging checks; busybox's ash is the shell the router runs init scripts with.
+  lintian shellcheck busybox
 )
 # A comparator for the category-file benchmark only; Debian builds it for
 # amd64 alone.
