@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# soak.sh [-B BUILD_DIR] [-d SECONDS] [-i INTERVAL] [-r RATE] [-a RSS_ALLOWANCE_KIB] [-f FD_ALLOWANCE] [-k]
+# soak.sh [-B BUILD_DIR] [-d SECONDS] [-i INTERVAL] [-r RATE] [-u NAMES] [-a RSS_ALLOWANCE_KIB] [-f FD_ALLOWANCE] [-k]
 #
 # Keeps zor_service busy for a long while and checks that its memory and
 # descriptors stay flat. The program is zor_service_soak (the service with
@@ -17,6 +17,13 @@
 # highest warm-up sample by more than the allowance (RSS_ALLOWANCE_KIB,
 # default 512; FD_ALLOWANCE, default 4), or when the service dies.
 #
+# Every new name is new for good by default: the verdict cache then fills
+# for about a minute until its cleaner holds it steady, so a run must be
+# several minutes long for its warm-up to cover that. -u NAMES cycles the new
+# names through NAMES values instead, so that the cache is full after the
+# first NAMES / (RATE / 5) seconds: for short runs, whose warm-up is shorter
+# than the cache's filling.
+#
 # Defaults: 600 s, samples every 10 s, 200 reports/s, build dir build
 # (zor_service_soak, zorctl, kernsim, cloudsim, xdbc and flood_sh must be
 # built). -k keeps the work directory. Exit status 0 when flat, 1 when not,
@@ -25,20 +32,21 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build=build seconds=600 interval=10 rate=200 rss_allow=512 fd_allow=4 keep=""
-while getopts "B:d:i:r:a:f:k" opt; do
+build=build seconds=600 interval=10 rate=200 names=0 rss_allow=512 fd_allow=4 keep=""
+while getopts "B:d:i:r:u:a:f:k" opt; do
     case $opt in
         B) build=$OPTARG ;;
         d) seconds=$OPTARG ;;
         i) interval=$OPTARG ;;
         r) rate=$OPTARG ;;
+        u) names=$OPTARG ;;
         a) rss_allow=$OPTARG ;;
         f) fd_allow=$OPTARG ;;
         k) keep=1 ;;
         *) sed -n '2p' "$0" >&2; exit 2 ;;
     esac
 done
-for n in "$seconds" "$interval" "$rate" "$rss_allow" "$fd_allow"; do
+for n in "$seconds" "$interval" "$rate" "$names" "$rss_allow" "$fd_allow"; do
     [[ $n =~ ^[0-9]+$ ]] || { echo "soak: not a whole number: $n" >&2; exit 2; }
 done
 [ "$interval" -gt 0 ] && [ "$seconds" -ge $((4 * interval)) ] ||
@@ -57,19 +65,26 @@ awk 'BEGIN { printf "{"; for (i = 0; i < 500; i++) printf "%s\"%d\":{\"mac\":\"0
     > "$work/rules.json"
 zorctl() { "$build/tools/zorctl/zorctl" -i "$work/zor.ini" -t 10 "$@" > /dev/null 2>&1 || true; }
 zorctl pc on
-cat > "$work/soak.ks" <<'EOF'
-domain new{n}.soak.test
-domain seen-again.soak.test
-domain w{n}.hit.example
-addr 198.51.100.7
-domain asks.soak.test flags=1
-EOF
-"$build/tools/kernsim/kernsim" -p "$service_pid" -r "$rate" -n $(( (seconds + 60) * rate / 5 + 1 )) \
+# One round: a new name, a name seen before, a category-file hit, an
+# address hit and a flagged name. With -u, NAMES rounds in the script, each
+# with its own new name, and the script is repeated.
+rounds=$(( (seconds + 60) * rate / 5 + 1 ))
+round() {
+    printf 'domain new%s.soak.test\ndomain seen-again.soak.test\ndomain w{n}.hit.example\n' "$1"
+    printf 'addr 198.51.100.7\ndomain asks.soak.test flags=1\n'
+}
+if [ "$names" -gt 0 ]; then
+    for i in $(seq "$names"); do round "$i"; done > "$work/soak.ks"
+    rounds=$(( rounds / names + 1 ))
+else
+    round "{n}" > "$work/soak.ks"
+fi
+"$build/tools/kernsim/kernsim" -p "$service_pid" -r "$rate" -n "$rounds" \
     -s "$work/soak.ks" > "$work/kernsim.out" 2>&1 &
 kernsim_pid=$!
 
 warmup=$(( seconds / 4 ))
-echo "soak of zor_service_soak: $seconds s, $rate reports/s, samples every $interval s, warm-up $warmup s"
+echo "soak of zor_service_soak: $seconds s, $rate reports/s, new names ${names/#0/unbounded}, samples every $interval s, warm-up $warmup s"
 echo "   time  RssAnon KiB  fds  commands"
 ref_rss=0 ref_fds=0 max_rss=0 max_fds=0 first_rss="" last_rss="" t=0 over=""
 while [ "$t" -lt "$seconds" ]; do
