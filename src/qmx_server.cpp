@@ -16,10 +16,10 @@
 #include <system_error>
 #include <thread>
 
+#include "cloud_link.h"
 #include "log.h"
 #include "qmx_db.h"
 #include "qmx_nlu.h"
-#include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
 #include "util/list.h"
 #include "xdb.h"
@@ -301,13 +301,13 @@ void send_batch(qmx_srv* s) {
     int n = take_batch(s, q);
     // A disabled cloud or a session that is not ready drops the batch;
     // nothing is retried here.
-    if (n == 0 || qmxsrv_ctx.cloud_enabled.load() == 0 || !zor_ready()) return;
+    if (n == 0 || qmxsrv_ctx.cloud_enabled.load() == 0 || !cloud_ready()) return;
     std::unique_ptr<char, free_deleter> text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
     LOG_D("Send query: %s", text.get());
     size_t reply_size = 0;
     {
-        std::optional<std::string> reply = zor_query(text.get(), &s->abort_query);
+        std::optional<std::string> reply = cloud_query(text.get(), &s->abort_query);
         LOG_D("Query plain text: %s", reply ? reply->c_str() : "(null)");
         if (reply) {
             reply_size = reply->size();

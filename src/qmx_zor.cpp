@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base64.h"
+#include "cloud_link.h"
 #include "log.h"
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
@@ -391,6 +392,14 @@ std::optional<zor_wait_note> zor_last_wait() {
     return s->last_wait;
 }
 
+namespace {
+// How the rest of the service reaches this client (cloud_link.h).
+std::optional<std::string> query_for_link(const char* text, const std::atomic<bool>* abort) {
+    return zor_query(text, abort);
+}
+const cloud_link kCloudLink = {zor_ready, zor_session_info, query_for_link};
+}  // namespace
+
 int zor_init(const char* server, const char* product, const char* id, const char* password,
              const char* host) {
     if (!server || !product || !id || !password || !host) return 0;
@@ -409,6 +418,7 @@ int zor_init(const char* server, const char* product, const char* id, const char
         return 0;
     }
     the_session = std::move(s);
+    cloud_link_set(&kCloudLink);
     return 1;
 }
 

@@ -23,10 +23,10 @@
 #include <system_error>
 #include <thread>
 
+#include "cloud_link.h"
 #include "log.h"
 #include "pctrl/pctrl_scheduler.h"
 #include "qmx_db.h"
-#include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
 #include "util/unique_fd.h"
 
@@ -109,7 +109,7 @@ void status(ipc_reply& reply) {
     int32_t start = 0;
     int32_t expiry = 0;
     std::string account;
-    bool held = zor_session_info(&start, &expiry, &account) == 1;
+    bool held = cloud_session_info(&start, &expiry, &account) == 1;
     if (!held) {
         start = expiry = 0;
         account.clear();
@@ -180,7 +180,7 @@ void query(ipc_request& req, ipc_reply& reply) {
     json_text text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
     LOG_D("Send: %s", text.get());
-    std::optional<std::string> plain = zor_query(text.get(), &query_abort);
+    std::optional<std::string> plain = cloud_query(text.get(), &query_abort);
     if (plain && !plain->empty()) LOG_D("Plain: %s", plain->c_str());
 }
 
