@@ -43,6 +43,11 @@ run_tsan() {
   fi
 }
 
+echo "== portability check"
+if ! bash scripts/check_portable.sh; then
+  status=1
+fi
+
 run_suite normal build
 run_suite "asan+ubsan" build-asan -DZOR_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug
 run_tsan

@@ -1,6 +1,8 @@
 #include "base64.h"
 
+#ifdef __GLIBC__
 #include <errno.h>  // program_invocation_short_name
+#endif
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
@@ -40,8 +42,13 @@ constexpr auto kDecode = make_decode_table();
 // Assertions that hold in release builds too: a caller that breaks them is a
 // programming error the process must not run past.
 [[noreturn]] void fail_assert(const char* expr, int line, const char* func) {
-    fprintf(stderr, "%s: %s:%d: %s: Assertion `%s' failed.\n", program_invocation_short_name,
-            __FILE__, line, func, expr);
+#ifdef __GLIBC__
+    const char* program = program_invocation_short_name;
+#else
+    const char* program = "zor_service";
+#endif
+    fprintf(stderr, "%s: %s:%d: %s: Assertion `%s' failed.\n", program, __FILE__, line, func,
+            expr);
     abort();
 }
 

@@ -6,7 +6,9 @@
 // before the first thread starts, so every thread inherits the block and the
 // main thread alone takes them, atomically unblocked inside its wait.
 #include <getopt.h>
-#include <malloc.h>
+#ifdef __GLIBC__
+#include <malloc.h>  // mallopt
+#endif
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -161,8 +163,11 @@ void log_start_lines() {
 int main(int argc, char** argv) {
     // One malloc arena for every thread. The threads allocate little, and
     // most blocks go from the thread that fills them to the one that uses
-    // them, so per-thread arenas would only hold freed memory apart.
+    // them, so per-thread arenas would only hold freed memory apart. Other C
+    // libraries (musl) keep a single heap anyway.
+#ifdef __GLIBC__
     mallopt(M_ARENA_MAX, 1);
+#endif
     install_signal_handlers();
 
     entry_options opt;

@@ -71,9 +71,18 @@ sockaddr_nl netlink_addr(uint32_t port) {
     return a;
 }
 
+// strerror_r returns the text (GNU, glibc with _GNU_SOURCE) or 0 with the
+// text in buf (POSIX, musl): the overload taken fits the C library's.
+[[maybe_unused]] const char* strerror_result(const char* text, const char*) {
+    return text;
+}
+[[maybe_unused]] const char* strerror_result(int rc, const char* buf) {
+    return rc == 0 ? buf : "Unknown error";
+}
+
 std::string errno_text(int err) {
-    char buf[128];
-    return strerror_r(err, buf, sizeof buf);
+    char buf[128] = "";
+    return strerror_result(strerror_r(err, buf, sizeof buf), buf);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #include "qmx_server.h"
 
 #include <cjson/cJSON.h>
-#include <malloc.h>
+#ifdef __GLIBC__
+#include <malloc.h>  // malloc_trim
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -315,8 +317,13 @@ void send_batch(qmx_srv* s) {
         }
     }
     // A large reply leaves its parse tree's many small blocks free inside the
-    // heap, where malloc would keep them for good; they go back at once.
+    // heap, where glibc's malloc would keep them for good; they go back at
+    // once. Other C libraries (musl) return freed pages by themselves.
+#ifdef __GLIBC__
     if (reply_size > kTrimAfterReply) malloc_trim(0);
+#else
+    (void)reply_size;
+#endif
 }
 
 void sender_main(qmx_srv* s) {
