@@ -27,7 +27,10 @@ cmake --build "$dir" -j "${ZOR_JOBS:-2}" --target zor_service zorctl xdbc zor_ch
 mkdir -p "$out"
 out=$(cd "$out" && pwd)
 rm -f "$out"/zor-service_*.deb
-(cd "$dir" && cpack -G DEB -B "$out" >/dev/null)
+if ! (cd "$dir" && cpack -G DEB -B "$out") > "$out/cpack.log" 2>&1; then
+    cat "$out/cpack.log" >&2
+    exit 2
+fi
 debs=("$out"/zor-service_*.deb)
 deb=${debs[0]}
 [ -f "$deb" ] || { echo "package.sh: cpack made no package in $out" >&2; exit 2; }
