@@ -1,9 +1,9 @@
 # Install rules and the Debian package.
 #
-# Installed: the service (sbin), zorctl and xdbc (bin), the sample
-# configuration as <sysconfdir>/zor/zor.ini with the unit's option file
-# <sysconfdir>/default/zor-service, the systemd unit, and the documents an
-# administrator reads. Simulators and test programs are never installed.
+# Installed: the service (sbin), zorctl and xdbc (bin) with their manual
+# pages, the sample configuration as <sysconfdir>/zor/zor.ini with the unit's
+# option file <sysconfdir>/default/zor-service, the systemd unit, and the
+# documents an administrator reads. Simulators and test programs are never installed.
 #
 # Paths follow CMAKE_INSTALL_PREFIX the GNU way: with the prefix /usr the
 # configuration goes to /etc and the unit to /lib/systemd/system, which is the
@@ -45,11 +45,21 @@ install(FILES README.md docs/router.md docs/zorctl.md docs/category-file.md
         DESTINATION ${ZOR_DOCDIR})
 install(FILES docs/security.md DESTINATION ${ZOR_DOCDIR} OPTIONAL)
 
-# Debian wants its changelog compressed with gzip -9n (no name, no time stamp).
-add_custom_command(OUTPUT ${ZOR_PKG_OUT}/changelog.Debian.gz
-                   COMMAND gzip -9n -c ${ZOR_PKG_SRC}/changelog > ${ZOR_PKG_OUT}/changelog.Debian.gz
-                   DEPENDS ${ZOR_PKG_SRC}/changelog VERBATIM)
-add_custom_target(zor_changelog ALL DEPENDS ${ZOR_PKG_OUT}/changelog.Debian.gz)
+# Debian wants its changelog and manual pages compressed with gzip -9n (no
+# name, no time stamp).
+set(ZOR_GZIPPED)
+function(zor_gzip source output)
+  add_custom_command(OUTPUT ${output} COMMAND gzip -9n -c ${source} > ${output}
+                     DEPENDS ${source} VERBATIM)
+  set(ZOR_GZIPPED ${ZOR_GZIPPED} ${output} PARENT_SCOPE)
+endfunction()
+zor_gzip(${ZOR_PKG_SRC}/changelog ${ZOR_PKG_OUT}/changelog.Debian.gz)
+foreach(page zor_service.8 zorctl.1 xdbc.1)
+  string(REGEX REPLACE ".*\\." "" section ${page})
+  zor_gzip(${CMAKE_SOURCE_DIR}/packaging/man/${page} ${ZOR_PKG_OUT}/${page}.gz)
+  install(FILES ${ZOR_PKG_OUT}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section})
+endforeach()
+add_custom_target(zor_gzipped_docs ALL DEPENDS ${ZOR_GZIPPED})
 install(FILES ${ZOR_PKG_SRC}/copyright ${ZOR_PKG_OUT}/changelog.Debian.gz DESTINATION ${ZOR_DOCDIR})
 install(FILES ${ZOR_PKG_SRC}/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
         RENAME ${ZOR_PACKAGE_NAME})

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # package.sh [BUILD_DIR [OUT_DIR]]: builds the Debian package of the service.
 #
-# Configures BUILD_DIR (default build-deb) once for the prefix /usr (Release,
+# Configures BUILD_DIR (default build-deb) for the prefix /usr (Release,
 # no tests, benchmarks or simulators), builds the installed programs with at
 # most ZOR_JOBS (default 2) jobs, runs `cpack -G DEB` into OUT_DIR (default
 # BUILD_DIR/pkg) and lintian on the result. Prints lintian's findings and, last,
@@ -12,17 +12,17 @@ bash scripts/setup.sh
 
 dir=${1:-build-deb}
 out=${2:-$dir/pkg}
-if [ ! -f "$dir/CMakeCache.txt" ]; then
-    # Debian's hardening flags, all of them (bind-now included).
-    flags() { DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get "$1"; }
-    cmake -S . -B "$dir" -G "Unix Makefiles" -DCMAKE_INSTALL_PREFIX=/usr \
-        -DCMAKE_BUILD_TYPE=Release -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON \
-        -DCMAKE_C_FLAGS="$(flags CFLAGS) $(flags CPPFLAGS)" \
-        -DCMAKE_CXX_FLAGS="$(flags CXXFLAGS) $(flags CPPFLAGS)" \
-        -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS)" \
-        -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_BENCH=OFF -DZOR_BUILD_SIMULATORS=OFF >/dev/null
-fi
-cmake --build "$dir" -j "${ZOR_JOBS:-2}" --target zor_service zorctl xdbc zor_changelog >/dev/null
+# Configured every time (cheap once done), so that a tree configured by an
+# older checkout knows every target named below.
+# Debian's hardening flags, all of them (bind-now included).
+flags() { DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --get "$1"; }
+cmake -S . -B "$dir" -G "Unix Makefiles" -DCMAKE_INSTALL_PREFIX=/usr \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_SKIP_INSTALL_ALL_DEPENDENCY=ON \
+    -DCMAKE_C_FLAGS="$(flags CFLAGS) $(flags CPPFLAGS)" \
+    -DCMAKE_CXX_FLAGS="$(flags CXXFLAGS) $(flags CPPFLAGS)" \
+    -DCMAKE_EXE_LINKER_FLAGS="$(flags LDFLAGS)" \
+    -DZOR_BUILD_TESTS=OFF -DZOR_BUILD_BENCH=OFF -DZOR_BUILD_SIMULATORS=OFF >/dev/null
+cmake --build "$dir" -j "${ZOR_JOBS:-2}" --target zor_service zorctl xdbc zor_gzipped_docs >/dev/null
 
 mkdir -p "$out"
 out=$(cd "$out" && pwd)

@@ -54,9 +54,12 @@ done <<'EOF'
 /usr/share/doc/zor-service/router.md -rw-r--r-- root/root
 /usr/share/doc/zor-service/README.md -rw-r--r-- root/root
 /usr/share/lintian/overrides/zor-service -rw-r--r-- root/root
+/usr/share/man/man8/zor_service.8.gz -rw-r--r-- root/root
+/usr/share/man/man1/zorctl.1.gz -rw-r--r-- root/root
+/usr/share/man/man1/xdbc.1.gz -rw-r--r-- root/root
 EOF
 # Nothing outside the places above; directories only on the way to them.
-awk '$2 !~ /^d/ && $1 !~ "^/(usr/s?bin|etc/zor|etc/default|lib/systemd/system|usr/share/doc/zor-service|usr/share/lintian/overrides)/[^/]+$" { print $1 }' \
+awk '$2 !~ /^d/ && $1 !~ "^/(usr/s?bin|etc/zor|etc/default|lib/systemd/system|usr/share/doc/zor-service|usr/share/lintian/overrides|usr/share/man/man[18])/[^/]+$" { print $1 }' \
     "$work/list" > "$work/stray"
 [ ! -s "$work/stray" ] || fail "files outside the expected places: $(tr '\n' ' ' < "$work/stray")"
 awk '$3 != "root/root" { print $1 }' "$work/list" > "$work/owners"
