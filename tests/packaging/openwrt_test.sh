@@ -4,7 +4,8 @@
 # router-like shell here (dash as sh, busybox ash when installed):
 #   - every option set: the INI it writes (mode 0600) and the procd instance
 #     it declares equal the expected files; the stale command socket goes
-#     when no instance runs and stays when one does (a reload);
+#     when no instance runs and stays when one does (a reload); writable_root
+#     is handed to ipc_group;
 #   - the shipped UCI file: disabled, so nothing is written or started; with
 #     an account added, the INI of the shipped defaults;
 #   - values the INI cannot carry, a missing required option and a bad log
@@ -94,6 +95,7 @@ for shell_name in "${shells[@]}"; do
     [ "$(stat -c %a "$work/var/etc/zor.ini" 2>/dev/null)" = 600 ] || fail "INI mode is not 600"
     [ "$(stat -c %a "$work/log" 2>/dev/null)" = 750 ] || fail "log directory not made with mode 750"
     [ ! -e "$work/run/.ipc.socket" ] || fail "stale socket kept although no instance runs"
+    [ "$(stat -c %a "$work/run")" = 750 ] || fail "writable_root (given to ipc_group) is not mode 750"
     [ ! -s "$work/stderr" ] || fail "messages: $(cat "$work/stderr")"
 
     # The same during a reload: the running instance's socket stays.

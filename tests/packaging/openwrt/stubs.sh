@@ -1,8 +1,8 @@
 # Stand-ins for what /etc/rc.common gives an OpenWrt init script: the UCI
 # readers of /lib/functions.sh (same semantics: an empty option gives the
 # default; booleans accept 1/on/true/yes/enabled and their opposites) and the
-# procd calls of /lib/functions/procd.sh, which here only record their
-# arguments, one call a line, each argument in brackets, into $PROCD_LOG.
+# procd calls of /lib/functions/procd.sh (and chgrp), which here only record
+# their arguments, one call a line, each argument in brackets, into $PROCD_LOG.
 # $UCI_DIR holds the UCI files; procd_running answers $ZOR_TEST_RUNNING.
 # shellcheck shell=dash
 
@@ -41,3 +41,5 @@ procd_running() {
 	[ "$ZOR_TEST_RUNNING" = 1 ]
 }
 logger() { record logger "$@"; }
+# The groups named in the tests need not exist here.
+chgrp() { record chgrp "$@"; }
