@@ -101,4 +101,18 @@ TEST_F(QmxsrvCtx, WritableRootAndSocketPath) {
     EXPECT_EQ(std::string(qmxsrv_ctx.ipc_socket), (writable_root + "/.ipc.socket").substr(0, 255));
 }
 
+// The INI the OpenWrt init script is tested to write (every option set) loads
+// with each value exactly as the router's UCI file gave it.
+TEST_F(QmxsrvCtx, RouterRenderedConfigurationLoadsAsWritten) {
+    const std::string fixtures = std::string(ZOR_SOURCE_DIR) + "/tests/packaging/openwrt/";
+    std::string full = zor_test::read_file(fixtures + "full.ini");
+    for (size_t at; (at = full.find("@WORK@")) != std::string::npos;) full.replace(at, 6, dir.path());
+    ASSERT_EQ(load(full), std::make_pair(1, std::string("log_level = 5\n")));
+    const qmxsrv_ctx_t& c = qmxsrv_ctx;
+    EXPECT_EQ(std::make_tuple(*c.auth_id, *c.auth_pwd, *c.host, *c.product, *c.root, *c.server, *c.xdb),
+              std::make_tuple("acct-17", "se\\ncret#1 = x", "router-7", "zr-100", "/usr/lib/zor",
+                              "cloud.example.net:443", "/usr/lib/zor/category.xdb"));
+    EXPECT_EQ(*c.writable_root, dir.file("run"));
+}
+
 }  // namespace
