@@ -44,10 +44,19 @@ protected:
     cmd_recorder rec;
 };
 
+// Netlink numbers are in the host's byte order: written here as numbers, so
+// the test holds on big-endian CPUs too.
 TEST(NluRequest, FamilyRequestIsByteExact) {
-    EXPECT_EQ(nlu_family_request(), (bytes{36,  0,   0,   0,   16,  0,   1,   0,   0,   0,   0,   0,
-                                           0,   0,   0,   0,   3,   1,   0,   0,   16,  0,   2,   0,
-                                           'z', 'o', 'r', '_', 'n', 'o', 't', 'i', 'f', 'y', 0,   0}));
+    bytes want(36, 0);
+    put32(want, 0, 36);  // nlmsg_len
+    put16(want, 4, 16);  // nlmsg_type: the generic netlink controller
+    put16(want, 6, 1);   // NLM_F_REQUEST; seq and pid 0
+    want[16] = 3;        // CTRL_CMD_GETFAMILY
+    want[17] = 1;        // version
+    put16(want, 20, 16);  // attribute length
+    put16(want, 22, 2);   // CTRL_ATTR_FAMILY_NAME
+    memcpy(&want[24], "zor_notify", 10);
+    EXPECT_EQ(nlu_family_request(), want);
 }
 
 // Each reply for the family (first ten characters, any case) stores its id

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "cloudsim.h"
 #include "test_util.h"
@@ -45,13 +46,18 @@ protected:
         zor_test::write_file(ini, "[zor]\nauth_id = e2e-id\nauth_pwd = e2e-pw\nhost = e2e-host\nproduct = e2e-product\n"
                                   "root = " + dir.file("opt") + "\nwritable_root = " + dir.file("run") +
                                       "\nserver = " + sim.address() + "\nlog_level = 6\n");
+        std::vector<std::string> words = zor_test::program_argv(ZOR_BINARY_DIR "/zor_service");
+        words.insert(words.end(), {"-i", ini, "-l", log_dir});
+        std::vector<char*> argv;
+        for (std::string& w : words) argv.push_back(w.data());
+        argv.push_back(nullptr);
         pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
             setenv("PATH", (bin + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")).c_str(), 1);
             if (!freopen(dir.file("stdout").c_str(), "w", stdout) || !freopen(dir.file("stderr").c_str(), "w", stderr))
                 _exit(121);
-            execl(ZOR_BINARY_DIR "/zor_service", "zor_service", "-i", ini.c_str(), "-l", log_dir.c_str(), nullptr);
+            execvp(argv[0], argv.data());
             _exit(122);
         }
     }

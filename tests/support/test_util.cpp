@@ -36,6 +36,19 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds lim
     return done();
 }
 
+std::vector<std::string> program_argv(const std::string& path) {
+    std::vector<std::string> words;
+    std::istringstream emulator(ZOR_TEST_EMULATOR);
+    for (std::string w; emulator >> w;) words.push_back(w);
+    words.push_back(path);
+    return words;
+}
+
+std::string program_shell(const std::string& path) {
+    std::string emulator = ZOR_TEST_EMULATOR;
+    return (emulator.empty() ? "" : emulator + " ") + "'" + path + "'";
+}
+
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return "";

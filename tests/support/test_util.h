@@ -33,6 +33,13 @@ std::string read_file(const std::string& path);
 bool write_file(const std::string& path, const std::string& contents);
 bool file_exists(const std::string& path);
 
+// The words that start a program built in this tree: in a cross build the
+// emulator the tests themselves run under, then `path` (natively `path`
+// alone). For execvp and posix_spawnp.
+std::vector<std::string> program_argv(const std::string& path);
+// The same as a shell command prefix, `path` single-quoted.
+std::string program_shell(const std::string& path);
+
 // Polls `done` every 10 ms until it holds or `limit` has passed; returns its
 // last answer.
 bool eventually(const std::function<bool()>& done,

@@ -18,7 +18,8 @@ protected:
     };
     result run(const std::string& args) const {
         const std::optional<std::string> status = cmd_capture_shell(
-            "cd '" + dir.path() + "' && '" ZOR_BINARY_DIR "/tools/xdbc/xdbc' " + args + " >out.txt 2>err.txt; echo $?");
+            "cd '" + dir.path() + "' && " + zor_test::program_shell(ZOR_BINARY_DIR "/tools/xdbc/xdbc") + " " + args +
+            " >out.txt 2>err.txt; echo $?");
         EXPECT_TRUE(status);
         return {std::stoi(status.value_or("-1")), zor_test::read_file(dir.file("out.txt")),
                 zor_test::read_file(dir.file("err.txt"))};
