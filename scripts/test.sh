@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs every test: the suite in a normal build, then again under
+# Runs every test: the portability check, the suite in a normal build, the
+# byte-layout tests on a big-endian CPU (s390x under qemu), then again under
 # AddressSanitizer + UndefinedBehaviorSanitizer, then the multi-threaded tests
 # (CTest label "mt", build target mt_tests) under ThreadSanitizer, then a
 # bounded run of every fuzz target (scripts/fuzz.sh). Fails on any failing
@@ -49,6 +50,13 @@ if ! bash scripts/check_portable.sh; then
 fi
 
 run_suite normal build
+# Byte order: the tests of every byte layout, cross-built for s390x (a
+# big-endian CPU) and run under qemu-user.
+echo "== s390x (big-endian) byte-order tests"
+if ! ZOR_JOBS=2 bash scripts/cross.sh s390x --only-byte-order; then
+  status=1
+fi
+
 run_suite "asan+ubsan" build-asan -DZOR_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug
 run_tsan
 
