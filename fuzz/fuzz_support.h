@@ -25,12 +25,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "ctrl_text.h"
 #include "log.h"
+#include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
+#include "zor_ctrl.h"
 
 namespace fuzz {
 
@@ -75,38 +79,37 @@ inline void check(bool ok, const char* what, std::string_view detail = {}) {
 
 // ---- kernel control lines ----
 
-inline constexpr std::string_view kLineHead = "[ -f /proc/zor/ctrl ] && echo \"";
-inline constexpr std::string_view kLineTail = "\" > /proc/zor/ctrl";
-inline constexpr std::string_view kVerbs[] = {"db key2group u2k ", "db key2group update ",
-                                               "pc rule clean", "pc rule add ",
-                                               "env server_port "};
-
-// True when `line` is "[ -f /proc/zor/ctrl ] && echo "<verb ...>" > /proc/zor/ctrl"
-// and the text between the quotes can neither end the quotes early nor
-// expand anything: '"', '$' and '`' appear only escaped, and there is no
-// control byte anywhere. No backslash may reach echo either: some shells'
-// echo reads "\n" or "\c" in its argument, so the kernel would get another
-// text, or a second command line.
-inline bool control_line_ok(std::string_view line) {
-    if (line.size() < kLineHead.size() + kLineTail.size()) return false;
-    if (line.substr(0, kLineHead.size()) != kLineHead) return false;
-    if (line.substr(line.size() - kLineTail.size()) != kLineTail) return false;
-    const std::string_view body =
-        line.substr(kLineHead.size(), line.size() - kLineHead.size() - kLineTail.size());
-    bool verb = false;
-    for (std::string_view v : kVerbs) verb |= body.substr(0, v.size()) == v;
-    if (!verb) return false;
-    for (size_t i = 0; i < body.size(); ++i) {
-        const unsigned char c = static_cast<unsigned char>(body[i]);
-        if (c < 0x20 || c == 0x7f) return false;
-        if (c == '"' || c == '$' || c == '`') return false;
-        if (c == '\\') {
-            if (++i == body.size()) return false;
-            const char e = body[i];
-            if (e != '"' && e != '$' && e != '`') return false;
+// True when `text` is a command the module can parse as sent: one of the
+// verbs below with exactly its number of words, single spaces between them,
+// and no control byte, 0x7F or backslash anywhere. A key that carried a
+// space would show here as a word too many.
+inline bool control_text_ok(std::string_view text) {
+    static constexpr struct {
+        std::string_view head;
+        size_t words;
+    } kVerbs[] = {{"db key2group u2k ", 5}, {"db key2group update ", 9}, {"pc rule clean", 3},
+                  {"pc rule add ", 8}, {"env server_port ", 3}};
+    size_t words = 1;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c == ' ') {
+            if (i == 0 || text[i - 1] == ' ' || i + 1 == text.size()) return false;
+            ++words;
+        } else if (c < 0x21 || c == 0x7f || c == '\\') {
+            return false;
         }
     }
-    return true;
+    for (const auto& v : kVerbs)
+        if (text.substr(0, v.head.size()) == v.head) return words == v.words;
+    return false;
+}
+
+// True when `line` is the shell channel's guarded echo into the control file
+// of a sound command text, quoted so that it can neither end the quotes early
+// nor expand anything.
+inline bool control_line_ok(std::string_view line) {
+    const std::optional<std::string> text = zor_test::ctrl_text_of_line(line, ZOR_CTRL_FILE);
+    return text && control_text_ok(*text);
 }
 
 // The lines the service asked to run since the last take_lines(); any
@@ -121,9 +124,12 @@ inline std::vector<std::string> take_lines() {
     return out;
 }
 
-// Installs the checking runner: no shell is ever started; a line that is
-// not a sound control line, or any capture, stops the run.
+// Installs the checking runner and sends kernel commands through it (the
+// shell channel, whose lines carry the same texts as direct writes): no
+// shell is ever started; a line that is not a sound control line, or any
+// capture, stops the run.
 inline void install_checking_runner() {
+    qmxsrv_ctx.ctrl_shell = 1;
     cmd_runner r;
     r.run = [](const std::string& line) {
         if (!control_line_ok(line)) fail("command line the service must never run", line);

@@ -130,7 +130,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > kMaxInput) return 0;
     std::unique_ptr<nlu_ctx, ctx_closer> ctx(nlu_open_detached(kPort, on_event));
     fuzz::check(ctx != nullptr, "no channel");
-    const std::string port_line = zor_ctrl_server_port_line(static_cast<int>(kPort));
+    const std::string port_line = zor_ctrl_shell_line("env server_port " + std::to_string(kPort));
     fuzz::take_lines();
     g_events = 0;
     const uint64_t finished_before = qmx_srv_finished_events();

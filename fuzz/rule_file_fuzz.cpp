@@ -73,10 +73,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz::check(lines.empty(), "kernel lines for a file that was refused");
         return 0;
     }
-    fuzz::check(!lines.empty() && lines[0] == zor_ctrl_pc_clean_line(), "apply did not start with a clean");
+    fuzz::check(!lines.empty() && lines[0] == zor_ctrl_shell_line("pc rule clean"), "apply did not start with a clean");
     fuzz::check(lines.size() <= count + 1, "more add lines than rules");
     for (size_t i = 1; i < lines.size(); ++i)
-        fuzz::check(starts_with(lines[i], "[ -f /proc/zor/ctrl ] && echo \"pc rule add "), "not a rule add",
-                    lines[i]);
+        fuzz::check(starts_with(zor_test::ctrl_text_of_line(lines[i], ZOR_CTRL_FILE).value_or(""), "pc rule add "),
+                    "not a rule add", lines[i]);
     return 0;
 }

@@ -5,6 +5,10 @@
 # docs/world.md), feeds it a few domain names and addresses, prints every
 # command the kernel module receives as it happens, and shuts down.
 #
+# Kernel commands are written straight into the control file, as the service
+# does by default; DEMO_CTRL_SHELL=1 runs the demo with ctrl_shell = 1, where
+# each command is a shell line instead.
+#
 # Needs root (a private mount namespace and generic netlink). Nothing outside
 # the world is touched: the real /proc, shell and modules stay as they are.
 set -euo pipefail
@@ -80,6 +84,7 @@ writable_root = $work/run
 server = 127.0.0.1:$port
 xdb = $work/categories.xdb
 log_level = 6
+ctrl_shell = ${DEMO_CTRL_SHELL:-0}
 EOF
 
 echo
@@ -108,11 +113,16 @@ explain() {
         esac
     done
 }
-tail -s 0.1 --pid="$svc" -n +1 -F "$world/ctrl.log" 2>/dev/null | explain &
+ctrl=$world/zor/ctrl
+if [ "${DEMO_CTRL_SHELL:-0}" = 1 ]; then
+    echo "   kernel commands: a shell line each (ctrl_shell = 1)"
+else
+    echo "   kernel commands: written straight into /proc/zor/ctrl, no shell (the default)"
+fi
+tail -s 0.1 --pid="$svc" -n +1 -F "$ctrl" 2>/dev/null | explain &
 watcher=$!
 
 ks() { "$bin/tools/kernsim/kernsim" -p "$svc" -w 5 "$@"; }
-ctrl=$world/ctrl.log
 
 echo
 echo "== the kernel module announces its netlink family"
@@ -150,6 +160,7 @@ svc=""
 wait "$watcher" 2>/dev/null || true
 watcher=""
 echo "   zor_service exited with status $status"
+echo "   shell lines it ran: $(wc -l < "$world/commands.log") (of them kernel commands: $(count "$world/commands.log" key2group))"
 kill -TERM "$cloud"
 wait "$cloud" 2>/dev/null || true
 cloud=""

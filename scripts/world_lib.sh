@@ -57,9 +57,10 @@ world_cloud() {
     wait_until 100 test -s "$work/cloud.port" || fail "the cloud simulator did not start: $(cat "$work/cloud.out")"
 }
 
-# world_service SERVICE RECORDING_SHELL: the service in the world, up to the
-# point where it has loaded its module. The service keeps the pid of the job
-# (world.sh execs it), which is its netlink port.
+# world_service SERVICE RECORDING_SHELL [LOG_LEVEL]: the service in the
+# world, up to the point where it has loaded its module. The service keeps
+# the pid of the job (world.sh execs it), which is its netlink port. Kernel
+# commands go straight into the control file unless $ctrl_shell is 1.
 world_service() {
     mkdir -p "$work/opt" "$work/world"
     echo "not a real module" > "$work/opt/zor.ko"
@@ -74,6 +75,7 @@ writable_root = $work/run
 server = 127.0.0.1:$(cat "$work/cloud.port")
 log_level = ${3:-6}
 xdb = $work/categories.xdb
+ctrl_shell = ${ctrl_shell:-0}
 EOF
     bash tools/world/world.sh -s "$2" "$work/world" "$1" -i "$work/zor.ini" -l "$work/log" \
         > "$work/service.out" 2>&1 &
@@ -88,7 +90,7 @@ world_announce() {
         grep -q "not permitted" "$work/announce.out" && skip "generic netlink unicast is refused here"
         fail "kernsim could not announce the family: $(cat "$work/announce.out")"
     fi
-    wait_until 100 grep -qs "env server_port $service_pid" "$work/world/commands.log" ||
+    wait_until 100 grep -qs "^env server_port $service_pid\$" "$work/world/zor/ctrl" ||
         fail "the service never told the kernel its port"
     wait_until 300 grep -qs ' ping .* 200 ' "$work/cloud.log" || fail "the service did not log in to the cloud simulator"
 }

@@ -192,7 +192,7 @@ void handle_controller_reply(nlu_ctx* ctx, const uint8_t* buf, size_t len) {
     size_t id_attr_len = rd16(buf + id_attr);
     if (id_attr_len < 6 || id_attr + id_attr_len > len) return;
     ctx->fid.store(rd16(buf + id_attr + 4));
-    cmd_run(zor_ctrl_server_port_line(static_cast<int>(ctx->pid)));
+    zor_ctrl_server_port(static_cast<int>(ctx->pid));
 }
 
 // An event of the family: dispatched once its data lies inside the message.

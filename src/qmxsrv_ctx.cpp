@@ -28,6 +28,7 @@ void ctx_reset() {
     c.running = 0;
     c.cloud_enabled = 0;
     c.pctrl_enabled = 0;
+    c.ctrl_shell = 0;
     qmxsrv_ctx_set_pc_rule(nullptr);
     memset(c.ipc_socket, 0, sizeof c.ipc_socket);
     c.pid = 0;
@@ -97,6 +98,7 @@ int qmxsrv_ctx_load(const char* path) {
     qmxsrv_ctx.log_level = read_log_level(ini.get());
     qmxsrv_ctx.db_capacity = 2000;
     http_mode = static_cast<int32_t>(ini_get_int(ini.get(), kSection, "http_mode", 0));
+    qmxsrv_ctx.ctrl_shell = ini_get_int(ini.get(), kSection, "ctrl_shell", 0) == 1 ? 1 : 0;
     ini.reset();
 
     dir_make_chain(qmxsrv_ctx.writable_root->c_str());

@@ -16,6 +16,10 @@ struct qmxsrv_ctx_t {
     std::atomic<int32_t> running{0};        // 1 after load; IPC "exit" clears it
     std::atomic<int32_t> cloud_enabled{0};  // cloud queries are sent while non-zero
     std::atomic<int32_t> pctrl_enabled{0};  // parental control switched on over IPC
+    // 1 (INI key ctrl_shell = 1): kernel commands run as shell lines through
+    // the command runner; otherwise they are written straight into the
+    // control file (zor_ctrl.h). Set by the load; tests switch it.
+    std::atomic<int32_t> ctrl_shell{0};
 
     std::mutex pc_rule_lock;
     char pc_rule[256] = {};     // rule file set over IPC; covered by pc_rule_lock

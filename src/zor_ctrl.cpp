@@ -1,107 +1,190 @@
 #include "zor_ctrl.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <string_view>
+#include <mutex>
 
 #include "log.h"
+#include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
+#include "util/unique_fd.h"
 
 namespace {
 
-constexpr size_t kDbLineSize = 256;
-constexpr size_t kPcAddLineSize = 400;
+constexpr size_t kShellLineSize = 256;    // a shell line and its terminator
+constexpr size_t kShellPcAddSize = 400;   // the same for rule adds
+constexpr size_t kTextBuildSize = 512;    // texts are built here, then bounded by their channel
 
-// A line formatted into a zero-filled buffer of N bytes, cut like snprintf.
-struct bounded_line {
+struct counters {
+    std::atomic<uint64_t> sent{0}, absent{0}, refused{0}, too_long{0}, failed{0};
+};
+counters g_counts;
+
+std::mutex g_file_lock;
+std::string g_file = ZOR_CTRL_FILE;  // covered by g_file_lock
+
+bool use_shell() { return qmxsrv_ctx.ctrl_shell.load(std::memory_order_relaxed) == 1; }
+
+unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
+
+// A command ready to go: the text the module should receive and, in the
+// shell channel, the line that sends it. `what` is what the logs show.
+struct command {
     std::string text;
-    bool cut = false;
+    std::string line;  // shell channel only
+    const std::string& what() const { return line.empty() ? text : line; }
 };
 
-// The shell line that echoes `text` (already escaped for double quotes) into
-// the control file when the file exists, bounded at N bytes.
-template <size_t N>
-bounded_line echo_line(const std::string& text) {
-    std::string line = std::string("[ -f ") + ZOR_CTRL_FILE + " ] && echo \"" + text + "\" > " + ZOR_CTRL_FILE;
-    if (line.size() < N) return {std::move(line), false};
-    line.resize(N - 1);
-    return {std::move(line), true};
-}
-
-template <size_t N, typename... Args>
+template <typename... Args>
 std::string format(const char* fmt, Args... args) {
-    char buf[N] = {};
+    char buf[kTextBuildSize] = {};
     snprintf(buf, sizeof buf, fmt, args...);
     return buf;
 }
 
-// A cut line has lost its closing quote or part of its redirection; what is
-// left could only fail in the shell or create a stray file named after a
-// prefix of the control file's path, and never reaches the kernel. It is
-// logged like any other line but not run.
-int run_line(const bounded_line& line) {
-    if (line.cut) {
-        LOG_D("command longer than its buffer, not run");
-        return -1;
-    }
-    return cmd_run(line.text);
-}
-
-// A backslash reaches echo unchanged inside the double quotes, and some
-// shells' echo reads "\n" or "\c" there: the kernel would get another text,
-// or a second command line. Such texts are never sent, like control bytes.
-bool has_echo_escape(std::string_view text) { return text.find('\\') != std::string_view::npos; }
-
-bool key_is_safe(const char* what, const char* key) {
-    if (key == nullptr) return false;
-    if (has_control_bytes(key)) {
-        LOG_D("%s: key with control bytes dropped", what);
-        return false;
-    }
-    if (has_echo_escape(key)) {
-        LOG_D("%s: key with a backslash dropped", what);
-        return false;
+// Checks every word that comes from outside; false (logged, counted) when
+// one of them breaks the text rule.
+bool words_ok(const char* what, std::initializer_list<const char*> words) {
+    for (const char* w : words) {
+        if (w == nullptr) return false;
+        if (!zor_ctrl_word_ok(w)) {
+            LOG_D("%s: a word with a space, a control byte or a backslash is not sent", what);
+            g_counts.refused.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
     }
     return true;
 }
 
-unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
+// Bounds `text` for the chosen channel; false (logged, counted) when it
+// does not fit. In the shell channel the line is built here.
+bool prepare(command& cmd, size_t shell_size) {
+    bool fits;
+    if (use_shell()) {
+        cmd.line = zor_ctrl_shell_line(cmd.text);
+        fits = cmd.line.size() < shell_size;
+    } else {
+        fits = cmd.text.size() + 1 <= ZOR_CTRL_WRITE_MAX;
+    }
+    if (!fits) {
+        LOG_D("command longer than its buffer, not sent");
+        g_counts.too_long.fetch_add(1, std::memory_order_relaxed);
+    }
+    return fits;
+}
+
+// The direct channel: one write of text and newline, so the module gets the
+// command whole or not at all.
+int write_direct(const std::string& text) {
+    const std::string path = zor_ctrl_file();
+    unique_fd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY));
+    if (!fd.valid()) {
+        if (errno == ENOENT) {
+            g_counts.absent.fetch_add(1, std::memory_order_relaxed);
+            return 1;
+        }
+        LOG_D("control file: open failed (errno %d)", errno);
+        g_counts.failed.fetch_add(1, std::memory_order_relaxed);
+        return -1;
+    }
+    char buf[ZOR_CTRL_WRITE_MAX];
+    const size_t len = text.size() + 1;  // bounded by prepare()
+    text.copy(buf, text.size());
+    buf[text.size()] = '\n';
+    ssize_t n;
+    do {
+        n = write(fd.get(), buf, len);
+    } while (n < 0 && errno == EINTR);
+    if (n != static_cast<ssize_t>(len)) {
+        LOG_D("control file: %s (wrote %zd of %zu bytes, errno %d)", n < 0 ? "write failed" : "short write", n,
+              len, n < 0 ? errno : 0);
+        g_counts.failed.fetch_add(1, std::memory_order_relaxed);
+        return -1;
+    }
+    g_counts.sent.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+}
+
+int send(const command& cmd) {
+    if (cmd.line.empty()) return write_direct(cmd.text);
+    g_counts.sent.fetch_add(1, std::memory_order_relaxed);
+    return cmd_run(cmd.line);
+}
 
 }  // namespace
 
+bool zor_ctrl_word_ok(std::string_view text) {
+    if (text.empty()) return false;
+    for (unsigned char c : text) {
+        if (c < 0x21 || c == 0x7F || c == '\\') return false;
+    }
+    return true;
+}
+
+std::string zor_ctrl_shell_line(std::string_view text) {
+    const std::string path = zor_ctrl_file();
+    return "[ -f " + path + " ] && echo \"" + shell_escape_dq(text) + "\" > " + path;
+}
+
 int zor_notify_u2k(int type, const char* key) {
-    if (!key_is_safe("u2k", key)) return -1;
-    bounded_line cmd = echo_line<kDbLineSize>("db key2group u2k " + std::to_string(type) + " " + shell_escape_dq(key));
-    LOG_D("[%u] %s", now_seconds(), cmd.text.c_str());
-    return run_line(cmd);
+    if (!words_ok("u2k", {key})) return -1;
+    command cmd{format("db key2group u2k %d %s", type, key)};
+    if (!prepare(cmd, kShellLineSize)) return -1;
+    LOG_D("[%u] %s", now_seconds(), cmd.what().c_str());
+    return send(cmd);
 }
 
 int zor_notify_db_group(int source, int type, const char* key, int ttl, int group, int sub_group) {
     if (group < 0 || sub_group < 0) return -1;
-    if (!key_is_safe("update", key)) return -1;
-    bounded_line cmd = echo_line<kDbLineSize>(format<kDbLineSize>("db key2group update %d %d %s %d %d %d", source,
-                                                                  type, shell_escape_dq(key).c_str(), ttl, group,
-                                                                  sub_group));
-    LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.text.c_str());
-    return run_line(cmd);
+    if (!words_ok("update", {key})) return -1;
+    command cmd{format("db key2group update %d %d %s %d %d %d", source, type, key, ttl, group, sub_group)};
+    if (!prepare(cmd, kShellLineSize)) return -1;
+    LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.what().c_str());
+    return send(cmd);
 }
 
-const std::string& zor_ctrl_pc_clean_line() {
-    static const std::string line = echo_line<kDbLineSize>("pc rule clean").text;
-    return line;
+int zor_ctrl_pc_clean() {
+    command cmd{"pc rule clean"};
+    if (!prepare(cmd, kShellLineSize)) return -1;
+    LOG_I("pctrl command: %s", cmd.what().c_str());
+    return send(cmd);
 }
 
-std::optional<std::string> zor_ctrl_pc_add_line(int kind, const char* mac, const char* content,
-                                                unsigned long from, unsigned long to) {
-    if (mac == nullptr || content == nullptr) return std::nullopt;
-    if (has_control_bytes(mac) || has_control_bytes(content)) return std::nullopt;
-    if (has_echo_escape(mac) || has_echo_escape(content)) return std::nullopt;
-    bounded_line line = echo_line<kPcAddLineSize>(format<kPcAddLineSize>(
-        "pc rule add %d %s %s %lu %lu", kind, shell_escape_dq(mac).c_str(), shell_escape_dq(content).c_str(), from, to));
-    if (line.cut) return std::nullopt;
-    return line.text;
+int zor_ctrl_pc_add(int kind, const char* mac, const char* content, unsigned long from, unsigned long to) {
+    if (!words_ok("pc rule add", {mac, content})) return -1;
+    command cmd{format("pc rule add %d %s %s %lu %lu", kind, mac, content, from, to)};
+    if (!prepare(cmd, kShellPcAddSize)) return -1;
+    LOG_I("pctrl command: %s", cmd.what().c_str());
+    return send(cmd);
 }
 
-std::string zor_ctrl_server_port_line(int pid) {
-    return echo_line<kDbLineSize>("env server_port " + std::to_string(pid)).text;
+int zor_ctrl_server_port(int pid) {
+    command cmd{format("env server_port %d", pid)};
+    if (!prepare(cmd, kShellLineSize)) return -1;
+    return send(cmd);
+}
+
+zor_ctrl_counts zor_ctrl_counters() {
+    zor_ctrl_counts c;
+    c.sent = g_counts.sent.load();
+    c.absent = g_counts.absent.load();
+    c.refused = g_counts.refused.load();
+    c.too_long = g_counts.too_long.load();
+    c.failed = g_counts.failed.load();
+    return c;
+}
+
+void zor_ctrl_set_file(const std::string& path) {
+    std::lock_guard<std::mutex> g(g_file_lock);
+    g_file = path.empty() ? ZOR_CTRL_FILE : path;
+}
+
+std::string zor_ctrl_file() {
+    std::lock_guard<std::mutex> g(g_file_lock);
+    return g_file;
 }

@@ -9,20 +9,20 @@
 #include <optional>
 #include <thread>
 
-#include "cmd_recorder.h"
+#include "ctrl_capture.h"
 #include "pctrl_fixture.h"
 #include "qmxsrv_ctx.h"
+#include "zor_ctrl.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using zor_test::ctrl_line;
 using zor_test::log_capture;
 using zor_test::utc;
 using lines = std::vector<std::string>;
 
-const std::string kClean = ctrl_line("pc rule clean");
-std::string add_line(const std::string& args) { return ctrl_line("pc rule add " + args); }
+const std::string kClean = "pc rule clean";
+std::string add_line(const std::string& args) { return "pc rule add " + args; }
 
 std::atomic<time_t> fake_now{0};
 
@@ -49,10 +49,11 @@ protected:
     void set_rules(const std::string& json) { qmxsrv_ctx_set_pc_rule(rule_file(json).c_str()); }
 };
 
-// A backslash would reach echo, which in some shells reads "\c" as "stop
-// here": the kernel would get the rule cut short. A missing or bad file
-// leaves the kernel's rules alone; one without due rules still cleans.
-TEST_F(PctrlScheduler, ApplySendsExactCommandLines) {
+// A rule whose mac or text the command cannot carry as one word (a space, a
+// control byte, a backslash) or that does not fit is skipped, in both
+// channels. A missing or bad file leaves the kernel's rules alone; one
+// without due rules still cleans.
+TEST_F(PctrlScheduler, ApplySendsExactCommands) {
     const std::string from = std::to_string(utc(2024, 1, 6, 8)), to = std::to_string(utc(2024, 1, 6, 20, 30));
     const struct {
         std::optional<std::string> json;  // none: a file that does not exist
@@ -68,25 +69,33 @@ TEST_F(PctrlScheduler, ApplySendsExactCommandLines) {
              "2": {"mac": "aabbccddeeff", "dn": "bad\u0001name"},
              "3": {"mac": "aabbccddeeff", "dn": ")" + std::string(380, 'd') + R"("},
              "4": {"mac": "aabbccddeeff", "cn": "5"},
-             "5": {"mac": "aabbccddeeff", "dn": "cut\\c.example"}})",
-         {kClean, add_line(R"(2 aabbccddeeff a\"b\$(reboot)\`x\` 0 0)"), add_line("1 aabbccddeeff 5 0 0")}},
+             "5": {"mac": "aabbccddeeff", "dn": "cut\\c.example"},
+             "6": {"mac": "aabbccddeeff- 1 ff:ff:ff:ff:ff:ff", "cn": "2"},
+             "7": {"mac": "aabbccddeeff", "dn": "two words.example"}})",
+         {kClean, add_line("2 aabbccddeeff a\"b$(reboot)`x` 0 0"), add_line("1 aabbccddeeff 5 0 0")}},
         {R"({"1": {"mac": "aabbccddeeff", "cn": "1",
              "schedule": {"type": 1, "from": "8:00", "to": "9:00", "weekly": [1]}}})",
          {kClean}},
         {std::nullopt, {}}, {"not json", {}},
     };
-    cmd_recorder rec;
-    pctrl_apply_rules();  // no rule file set
-    EXPECT_TRUE(rec.lines().empty());
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.json.value_or("(missing)"));
-        log_capture log;
-        rec.clear();
-        if (c.json) set_rules(*c.json);
-        else qmxsrv_ctx_set_pc_rule(dir_.file("missing.json").c_str());
-        pctrl_apply_rules();
-        EXPECT_EQ(rec.lines(), c.want);
-        for (const auto& line : c.want) EXPECT_TRUE(log.contains("[I] pctrl command: " + line)) << line;
+    for (auto ch : {ctrl_capture::direct, ctrl_capture::shell}) {
+        ctrl_capture rec(ch);
+        qmxsrv_ctx_set_pc_rule(nullptr);
+        pctrl_apply_rules();  // no rule file set
+        EXPECT_TRUE(rec.lines().empty());
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.json.value_or("(missing)") + (ch == ctrl_capture::shell ? " (shell)" : ""));
+            log_capture log;
+            rec.clear();
+            if (c.json) set_rules(*c.json);
+            else qmxsrv_ctx_set_pc_rule(dir_.file("missing.json").c_str());
+            pctrl_apply_rules();
+            EXPECT_EQ(rec.lines(), c.want);
+            for (const auto& text : c.want) {
+                const std::string logged = ch == ctrl_capture::shell ? zor_ctrl_shell_line(text) : text;
+                EXPECT_TRUE(log.contains("[I] pctrl command: " + logged)) << logged;
+            }
+        }
     }
 }
 
@@ -96,7 +105,7 @@ TEST_F(PctrlScheduler, ApplySendsExactCommandLines) {
 // before any start, sends nothing.
 TEST_F(PctrlScheduler, AppliesAtStartAndJustAfterMidnightAndStopsAtOnce) {
     log_capture log;
-    cmd_recorder rec;
+    ctrl_capture rec;
     pctrl_sched_stop();
     EXPECT_TRUE(rec.lines().empty());
     set_rules(R"({"1": {"mac": "aabbccddeeff", "cn": "6",
@@ -131,7 +140,7 @@ TEST_F(PctrlScheduler, AppliesAtStartAndJustAfterMidnightAndStopsAtOnce) {
 TEST_F(PctrlScheduler, SchedulerAndCommandAppliesDoNotInterleave) {
     unsetenv("TZ");
     tzset();
-    cmd_recorder rec([](const std::string&) {
+    ctrl_capture rec(ctrl_capture::shell, [](const std::string&) {
         std::this_thread::sleep_for(1ms);
         return 0;
     });

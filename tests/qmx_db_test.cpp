@@ -7,7 +7,7 @@
 #include <atomic>
 #include <thread>
 
-#include "cmd_recorder.h"
+#include "ctrl_capture.h"
 #include "qmxsrv_ctx.h"
 #include "test_util.h"
 
@@ -82,7 +82,7 @@ TEST_F(Db, ShouldQueryStampsOncePerDayUntilAVerdictIsHeld) {
         }
     };
     expect_steps({{0, 1}, {0, 0}, {86400, 0}, {1, 1}, {0, 0}, {86401, 1}, {-10, 0}});
-    cmd_recorder rec;
+    ctrl_capture rec;
     ASSERT_EQ(db_add_reply(R"({"r":{"v.example":[20,1,0,1,2,3]}})"), 0);
     expect_steps({{50000, 0}, {-50000 - 3600, 0}, {-1, 1}});  // exactly the ttl back, then one more
     EXPECT_EQ(db_flag_bit1(e), 0);
@@ -99,7 +99,7 @@ TEST_F(Db, AddReplyFillsOnlyCachedKeysWithWellFormedVerdicts) {
         {20, "neg.example", 3600, -1, 2}, {20, "big.example", INT32_MAX, 1, 1},
     };
     for (auto [type, key, ttl, group, sub] : wants) db_get_or_add(type, key, 0);
-    cmd_recorder rec;
+    ctrl_capture rec;
     EXPECT_EQ(db_add_reply(R"({"r":{"a.example":[20,1,7,2,3,4],"b.example":[20,1,7,2,3],
         "unknown.example":[20,1,7,1,1,1],"10.0.0.1":[21,65536,0,1,5,6],"10.0.0.2":[21,65535,0,1,5,6],
         "bad.example":[20,1,7,"2",3,4],"str.example":["20",1,7,2,3,4],"neg.example":[20,1,0,1,-1,2],
@@ -110,7 +110,7 @@ TEST_F(Db, AddReplyFillsOnlyCachedKeysWithWellFormedVerdicts) {
     EXPECT_EQ(db_add_reply(R"({"r":[]})"), 0);
     std::vector<std::string> expected;
     for (const char* t : {"1 20 a.example 7200 3 4", "1 21 10.0.0.2 3600 5 6", "1 20 big.example 2147483647 1 1"})
-        expected.push_back(std::string("[ -f /proc/zor/ctrl ] && echo \"db key2group update ") + t + "\" > /proc/zor/ctrl");
+        expected.push_back(std::string("db key2group update ") + t);
     EXPECT_EQ(rec.lines(), expected);
     EXPECT_EQ(db_count(), std::size(wants));  // the reply never creates entries
     for (auto [type, key, ttl, group, sub] : wants) {
@@ -166,7 +166,7 @@ TEST_F(Db, CleanerThreadRunsOnItsPeriodAndReleaseStopsIt) {
 // every reference is returned, so everything ages out at the end.
 TEST_F(Db, ConcurrentUseKeepsReferencesBalanced) {
     restart(1ms);
-    cmd_recorder rec;
+    ctrl_capture rec;
     std::atomic<bool> stop{false};
     std::thread importer([&] {
         while (!stop.load()) {

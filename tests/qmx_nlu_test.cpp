@@ -10,7 +10,7 @@
 #include <mutex>
 #include <optional>
 
-#include "cmd_recorder.h"
+#include "ctrl_capture.h"
 #include "nl_peer.h"
 #include "test_util.h"
 
@@ -41,7 +41,7 @@ protected:
     void SetUp() override { take_seen(); }
     void feed(const bytes& b) const { nlu_handle_datagram(ch.get(), b.data(), b.size()); }
     channel ch{nlu_open_detached(4321, record_event), nlu_close};
-    cmd_recorder rec;
+    ctrl_capture rec;
 };
 
 // Netlink numbers are in the host's byte order: written here as numbers, so
@@ -64,7 +64,7 @@ TEST(NluRequest, FamilyRequestIsByteExact) {
 // other than the family id forgets the family. Events pass only for the
 // known family and genl command 1.
 TEST_F(NluDatagram, ControllerRepliesAndEventsFollowTheKnownFamily) {
-    const std::string announced = "[ -f /proc/zor/ctrl ] && echo \"env server_port 4321\" > /proc/zor/ctrl";
+    const std::string announced = "env server_port 4321";
     const struct {
         bytes datagram;
         uint32_t family;
@@ -122,7 +122,7 @@ protected:
         ASSERT_TRUE(zor_test::eventually([&] { return nlu_family_id(ch.get()) == 40; }));
     }
     const uint32_t port = static_cast<uint32_t>(getpid());
-    cmd_recorder rec;
+    ctrl_capture rec;
     channel ch{nullptr, nlu_close};
     std::optional<socket_peer> kernel;
 };
@@ -130,7 +130,7 @@ protected:
 // Events arrive, sends are built (and refused once the family is forgotten),
 // and closing wakes the receiver from its poll and the resolver from its sleep.
 TEST_F(NluSocket, EventsSendsAndPromptClose) {
-    EXPECT_TRUE(rec.wait_for("env server_port " + std::to_string(port) + "\"", 1));
+    EXPECT_TRUE(rec.wait_for("env server_port " + std::to_string(port), 1));
     ASSERT_EQ(kernel->send_to(port, domain_event(40, "www.example.org", 1)), 0);
     std::vector<std::string> got;
     ASSERT_TRUE(zor_test::eventually([&] { return !(got = take_seen()).empty(); }));

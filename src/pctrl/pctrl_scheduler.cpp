@@ -10,7 +10,6 @@
 #include "log.h"
 #include "pctrl/pctrl_reader.h"
 #include "qmxsrv_ctx.h"
-#include "util/cmd_runner.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -41,24 +40,15 @@ bool wait_seconds(long seconds) {
     return !wait_cv.wait_for(lk, length, [] { return !running; });
 }
 
-int run_logged(const std::string& line) {
-    LOG_I("pctrl command: %s", line.c_str());
-    return cmd_run(line);
-}
-
 void send_rule(const pctrl_rule& rule) {
     if (rule.kind != PCTRL_KIND_CONTENT && rule.kind != PCTRL_KIND_DOMAIN) return;
     const auto& text = rule.kind == PCTRL_KIND_CONTENT ? rule.content : rule.domain;
     if (!text) return;
-    // The kernel takes the times as unsigned 32-bit epoch seconds.
-    auto line = zor_ctrl_pc_add_line(rule.kind, rule.mac, text->c_str(),
-                                     static_cast<uint32_t>(rule.from),
-                                     static_cast<uint32_t>(rule.to));
-    if (!line) {
-        LOG_D("Rule id %d not sent: control bytes or a line too long", rule.id);
-        return;
-    }
-    run_logged(*line);
+    // The kernel takes the times as unsigned 32-bit epoch seconds. A rule
+    // whose mac or text could not travel as one word is refused here.
+    if (zor_ctrl_pc_add(rule.kind, rule.mac, text->c_str(), static_cast<uint32_t>(rule.from),
+                        static_cast<uint32_t>(rule.to)) < 0)
+        LOG_D("Rule id %d not sent: a word the command cannot carry, or a line too long", rule.id);
 }
 
 void pctrl_sched() {
@@ -102,7 +92,7 @@ void pctrl_sched_set_second(std::chrono::milliseconds length) {
     second_ms = length.count() > 0 ? length.count() : 1;
 }
 
-int pctrl_clean_rules() { return run_logged(zor_ctrl_pc_clean_line()); }
+int pctrl_clean_rules() { return zor_ctrl_pc_clean(); }
 
 void pctrl_apply_rules() {
     std::lock_guard<std::mutex> serial(apply_lock);

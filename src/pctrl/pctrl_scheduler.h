@@ -7,8 +7,9 @@
 // and by the service's shutdown. Start and stop may be called from any thread
 // but never from the scheduler thread itself. Applies from the scheduler and
 // the IPC thread are serialised, so their kernel commands never interleave.
-// Every kernel command is logged at level I as "pctrl command: <line>" and run
-// through the command runner. "Now" comes from pctrl_now() (pctrl_reader.h).
+// Every kernel command is logged at level I as "pctrl command: <command>" and
+// sent through zor_ctrl.h; a rule whose mac or text the command cannot carry
+// as one word is skipped. "Now" comes from pctrl_now() (pctrl_reader.h).
 #pragma once
 
 #include <chrono>
@@ -23,7 +24,7 @@ void pctrl_sched_stop();
 // "pc rule clean", then one "pc rule add" per rule. A missing, unreadable or
 // invalid file leaves the kernel's rules untouched; no file set does nothing.
 void pctrl_apply_rules();
-// Sends "pc rule clean"; returns the shell's status.
+// Sends "pc rule clean"; returns the sender's result (zor_ctrl.h).
 int pctrl_clean_rules();
 
 // The coming local midnight after `now` (epoch seconds): the next calendar

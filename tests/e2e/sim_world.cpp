@@ -111,7 +111,8 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     std::ofstream ini(dir_ + "/zor.ini");
     ini << "[zor]\nauth_id = e2e-account\nauth_pwd = e2e-password\nhost = e2e-host\nproduct = e2e-product\n"
         << "root = " << root() << "\nwritable_root = " << dir_ << "/run\nserver = " << cfg.server
-        << "\nlog_level = 6\n" << (xdb.empty() ? "" : "xdb = " + xdb + "\n");
+        << "\nlog_level = 6\n" << (xdb.empty() ? "" : "xdb = " + xdb + "\n")
+        << (cfg.ctrl_shell ? "ctrl_shell = 1\n" : "");
     ini.close();
     std::vector<std::string> args = {"/bin/bash", ZOR_E2E_WORLD_SCRIPT};
     for (const std::string& m : cfg.preloaded) args.insert(args.end(), {"-m", m});
@@ -148,6 +149,12 @@ std::vector<std::string> sim_world::lines_of(const std::string& name) const {
     for (std::string line; std::getline(in, line);) out.push_back(line);
     return out;
 }
+std::vector<std::string> sim_world::ctrl_lines() const {
+    std::vector<std::string> out = lines_of("ctrl.log"), now = lines_of("zor/ctrl");
+    out.insert(out.end(), now.begin(), now.end());
+    return out;
+}
+
 std::string sim_world::service_log() const { return zor_test::read_file(dir_ + "/log/zorsrv.log"); }
 std::string sim_world::service_output() const { return zor_test::read_file(dir_ + "/service.out"); }
 size_t sim_world::ctrl_count(const std::string& prefix) const {

@@ -1,7 +1,8 @@
 // A simulated router for the end-to-end and hardening tests. The real
 // zor_service runs in the world of tools/world/world.sh (private mount
-// namespace, /proc/zor/ctrl made by an insmod stub, a recording shell that
-// keeps every command line and every line written into the control file),
+// namespace, /proc/zor/ctrl a regular file made by an insmod stub that
+// accumulates every command the module receives, a recording shell that
+// keeps every command line),
 // kernsim plays the kernel module, zorctl and raw bytes talk to its command
 // socket, and the cloud simulator is its cloud.
 //
@@ -31,6 +32,7 @@ struct world_config {
     std::string service;                    // the program world.sh execs; empty: service_binary()
     bool may_exit = false;                  // ending right after loading the module is no failure
     bool session = false;                   // also announce and wait until logged in to the cloud
+    bool ctrl_shell = false;                // kernel commands as shell lines (ctrl_shell = 1)
 };
 
 // The service under test: ZOR_E2E_SERVICE from the environment, or this build's.
@@ -57,10 +59,11 @@ public:
     const std::string& dir() const { return dir_; }
     std::string root() const { return dir_ + "/root"; }
 
-    // Every shell line the service ran, and every line the kernel module
-    // received through its control file, in order.
+    // Every shell line the service ran, and every command text the kernel
+    // module received through its control file (while loaded before, then
+    // now), in order.
     std::vector<std::string> commands() const { return lines_of("commands.log"); }
-    std::vector<std::string> ctrl_lines() const { return lines_of("ctrl.log"); }
+    std::vector<std::string> ctrl_lines() const;
     std::vector<std::string> lines_of(const std::string& name) const;  // of a file in dir()
     std::string service_log() const;
     std::string service_output() const;  // standard output and error

@@ -3,9 +3,10 @@
 // datagrams, garbage on its command socket, broken cloud replies and rule
 // files with the wrong types everywhere. After each group it must still
 // answer zorctl status and its private memory must stay within a fixed bound
-// of what it was before; at the end every command line it ran must have one
-// of the intended shapes exactly and carry only texts it was given, and no
-// injection marker file may exist.
+// of what it was before; at the end every command the kernel module received
+// and every command line the service ran must have one of the intended
+// shapes exactly and carry only texts it was given (in the direct channel no
+// shell runs for a command at all), and no injection marker file may exist.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -18,7 +19,9 @@
 #include <set>
 #include <thread>
 
+#include "ctrl_text.h"
 #include "sim_world.h"
+#include "zor_ctrl.h"
 
 namespace {
 
@@ -37,20 +40,25 @@ std::string hex(const std::string& bytes) {
     return out;
 }
 
-// Keys the service must never put on a command line: control bytes, and a
-// backslash, which some shells' echo reads as an escape.
+// Keys the service must never send: a space (it would add words to the
+// command), control bytes, and a backslash, which some shells' echo reads
+// as an escape.
 bool unsendable(const std::string& key) {
     for (unsigned char c : key)
-        if (c < 0x20 || c == 0x7F || c == '\\') return true;
+        if (c <= 0x20 || c == 0x7F || c == '\\') return true;
     return false;
 }
 
 class Hostile : public world_test {
 protected:
+    // Kernel commands as shell lines (ctrl_shell = 1) instead of direct writes.
+    virtual bool shell() const { return false; }
+
     void SetUp() override {
         world_test::SetUp();
         if (IsSkipped() || HasFatalFailure()) return;
-        ASSERT_TRUE(start(w, {.categories = ".hit.example 0x0305\n198.51.100.0/24 0x0102\n", .session = true}));
+        ASSERT_TRUE(start(w, {.categories = ".hit.example 0x0305\n198.51.100.0/24 0x0102\n", .session = true,
+                              .ctrl_shell = shell()}));
         // One round of ordinary work first, so that what is measured after a
         // group is growth, not start-up.
         ASSERT_TRUE(verdict_arrives(send_keys({"warm.example", "www.hit.example"})));
@@ -66,30 +74,41 @@ protected:
         int faults = 0;
         for (const std::string& line : w.commands())
             if (std::string f = command_fault(line); !f.empty() && faults++ < 20)
-                ADD_FAILURE() << "unintended command (" << f << "): " << line;
+                ADD_FAILURE() << "unintended command line (" << f << "): " << line;
+        for (const std::string& text : w.ctrl_lines())
+            if (std::string f = text_fault(text); !f.empty() && faults++ < 20)
+                ADD_FAILURE() << "unintended command in the module (" << f << "): " << text;
         EXPECT_EQ(faults, 0) << "unintended commands in all";
         for (const auto& e : std::filesystem::directory_iterator(w.dir()))
             EXPECT_NE(e.path().filename().string().rfind("pwned", 0), 0u) << "injected: " << e.path();
     }
 
-    // Why `line` (as recorded: control bytes as \xHH) is not a command the
-    // service may run carrying only texts the test gave it; empty when it
-    // is. A control-file line keeps its text one double-quoted shell word:
-    // every ", \, $ and ` in it escaped, nothing else.
+    // Why `line` (as recorded: control bytes as \xHH) is not a command line
+    // the service may run; empty when it is. Besides the module tools, only
+    // the shell channel runs lines: each the guarded echo of a sound text,
+    // one double-quoted shell word with every ", \, $ and ` in it escaped.
     std::string command_fault(const std::string& line) const {
-        static const std::regex word(R"re(\[ -f /proc/zor/ctrl \] && echo "((?:[^"\\$`]|\\["\\$`])*)" > /proc/zor/ctrl)re");
-        static const std::regex u2k("db key2group u2k (?:20|21|22) (.*)"), add("pc rule add [12] (.*) [0-9]{1,10} [0-9]{1,10}"),
-            update("db key2group update [12] (?:20|21|22) (.*) -?[0-9]{1,10} [0-9]{1,10} [0-9]{1,10}");
         if (line == "lsmod | grep -w ^zor_service" ||
             line == "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko qos=0 pc=0 cloud=0 router_mode=0 ")
             return "";
+        const std::optional<std::string> text = zor_test::ctrl_text_of_line(line, ZOR_CTRL_FILE);
+        if (!text) return "not a command of the intended shapes";
+        if (!shell()) return "a shell ran for a command in the direct channel";
+        return text_fault(*text);
+    }
+
+    // Why `text` is not a command the module may receive carrying only
+    // texts the test gave it; empty when it is. A key or rule text that
+    // carried a space would show as a key never sent.
+    std::string text_fault(const std::string& text) const {
+        static const std::regex u2k("db key2group u2k (?:20|21|22) (.*)"), add("pc rule add [12] (.*) [0-9]{1,10} [0-9]{1,10}"),
+            update("db key2group update [12] (?:20|21|22) (.*) -?[0-9]{1,10} [0-9]{1,10} [0-9]{1,10}");
+        if (text.size() >= ZOR_CTRL_WRITE_MAX) return "longer than a command";
+        if (text == "env server_port " + std::to_string(w.pid()) || text == "pc rule clean") return "";
         std::smatch m;
-        if (line.size() > 512 || !std::regex_match(line, m, word)) return "not a command of the intended shapes";
-        const std::string body = std::regex_replace(m[1].str(), std::regex(R"(\\(.))"), "$1");
-        if (body == "env server_port " + std::to_string(w.pid()) || body == "pc rule clean") return "";
-        if (std::regex_match(body, m, u2k) || std::regex_match(body, m, update))
+        if (std::regex_match(text, m, u2k) || std::regex_match(text, m, update))
             return keys.count(m[1]) ? "" : "a key never sent: " + m[1].str();
-        if (std::regex_match(body, m, add)) return rule_pairs.count(m[1]) ? "" : "a rule never given: " + m[1].str();
+        if (std::regex_match(text, m, add)) return rule_pairs.count(m[1]) ? "" : "a rule never given: " + m[1].str();
         return "not an intended control command";
     }
 
@@ -152,6 +171,8 @@ protected:
 #endif
     }
 
+    void keys_of_every_byte();
+
     std::set<std::string> keys;        // key texts that may reach the kernel
     std::set<std::string> rule_pairs;  // "MAC CONTENT" of rules that may be added
     long before_kb = -1;
@@ -159,12 +180,18 @@ protected:
     int fences = 0;
 };
 
+class HostileShell : public Hostile {
+protected:
+    bool shell() const override { return true; }
+};
+
 // Keys of every byte value 0x01-0xFF, shell syntax of every kind, and names
 // at and past the length a kernel command can carry. What the kernel module
-// receives (after the real shell ran the line) is the key itself, as u2k in
-// arrival order and, after a round trip through the cloud, as a verdict. A
-// key with a control byte or a backslash reaches it not at all.
-TEST_F(Hostile, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) {
+// receives (written directly, or by the real shell running the line) is the
+// key itself, as u2k in arrival order and, after a round trip through the
+// cloud, as a verdict. A key with a space, a control byte or a backslash
+// reaches it not at all.
+void Hostile::keys_of_every_byte() {
     std::vector<std::string> names, addresses;
     for (unsigned b = 1; b <= 0xFF; ++b) {
         const std::string c(1, static_cast<char>(b)), tag = hex(c);
@@ -174,17 +201,19 @@ TEST_F(Hostile, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) {
     // Shell syntax, one or two of each kind (every single byte is in the
     // names above).
     names.insert(names.end(), {
-        "a.com\"; touch " + marker("dq") + "; \"", "$(touch " + marker("subst") + ")",
-        "`touch " + marker("backq") + "`",         "x\\\"; touch " + marker("bsdq") + " #",
-        "'; touch " + marker("sq") + "; '",        "a && touch " + marker("and") + " | tee a > b",
-        "${IFS}touch${IFS}" + marker("ifs"),       "evil\\npc rule clean",
-        "$((1+1))$$$!$?$#$@$*$0",                  "a\\c",
-        "~root/*?[a]{b,c}! %s%n -n",
+        "a.com\";touch${IFS}" + marker("dq") + ";\"", "$(touch${IFS}" + marker("subst") + ")",
+        "`touch${IFS}" + marker("backq") + "`",     "x\\\";touch${IFS}" + marker("bsdq") + "#",
+        "';touch${IFS}" + marker("sq") + ";'",      "a&&touch${IFS}" + marker("and") + "|tee${IFS}a>b",
+        "${IFS}touch${IFS}" + marker("ifs"),        "evil\\npc rule clean",
+        "$((1+1))$$$!$?$#$@$*$0",                   "a\\c",
+        "~root/*?[a]{b,c}!%s%n-n",                  "victim.example 86400 0 0",
     });
-    // The longest key whose u2k line fits the 256-byte command buffer; one
-    // byte more, a 255-byte name and a field with no terminator at all (read
-    // as its 256 bytes) reach the kernel not at all.
-    const size_t room = 255 - std::string("[ -f /proc/zor/ctrl ] && echo \"db key2group u2k 20 \" > /proc/zor/ctrl").size();
+    // The longest key whose u2k command fits (text and newline in 256 bytes;
+    // the shell line in 256); one byte more, a 255-byte name and a field with
+    // no terminator at all (read as its 256 bytes) reach the kernel not at
+    // all.
+    const std::string head = "db key2group u2k 20 ";
+    const size_t room = 255 - (shell() ? zor_ctrl_shell_line(head) : head).size();
     const std::string fits(room, 'f'), unterminated(256, 'u');
     std::vector<std::string> sent = names;
     sent.insert(sent.end(), {fits, std::string(room + 1, 'c'), std::string(255, 'n'), unterminated + "uuuu"});
@@ -203,11 +232,11 @@ TEST_F(Hostile, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) {
         }
     };
     expect("20", names);
-    expect("20", {fits}, false);  // its verdict line is longer than the buffer
+    expect("20", {fits}, false);  // its verdict is longer than a command
     expect("20", {fence1});
     expect("21", addresses);
     expect("20", {fence2});
-    ASSERT_EQ(dropped, 2 * 33u + 3);  // 0x01-0x1F, 0x7F and 0x5C of both kinds; three shell keys
+    ASSERT_EQ(dropped, 2 * 34u + 4);  // 0x01-0x20, 0x7F and 0x5C of both kinds; four shell keys
     EXPECT_EQ(new_ctrl("db key2group u2k "), u2k);
     EXPECT_TRUE(with_wakes([&] {
         for (const std::string& l : new_ctrl("db key2group update ")) verdicts.erase(l);
@@ -215,6 +244,9 @@ TEST_F(Hostile, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) {
     })) << verdicts.size() << " verdicts missing, e.g. " << (verdicts.empty() ? "" : *verdicts.begin());
     check_alive_and_bounded("hostile keys");
 }
+
+TEST_F(Hostile, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) { keys_of_every_byte(); }
+TEST_F(HostileShell, KeysOfEveryByteAndShellSyntaxReachTheKernelAsText) { keys_of_every_byte(); }
 
 // Datagrams no kernel module would send (the netlink fuzz target tries
 // many more against the parser): cut short, lying about their lengths,
@@ -365,8 +397,11 @@ TEST_F(Hostile, BrokenCloudRepliesAreSurvived) {
 // are not rule files at all. Only valid rules reach the kernel, as text.
 TEST_F(Hostile, RuleFilesWithWrongTypesEverywhere) {
     // Texts of shell syntax; only the quotes of `cn` need escaping in JSON.
-    const std::string mac_tail = "aabbccddeeff:$(touch " + marker("rule") + ")", dn = "`touch " + marker("dn") + "`";
-    const std::string cn = "\"; touch " + marker("cn") + "; \"", cn_json = "\\\"; touch " + marker("cn") + "; \\\"";
+    // A text with a space (the MAC check lets any tail after twelve digits
+    // through) is refused when the rule is applied: it would add words.
+    const std::string mac_tail = "aabbccddeeff:$(touch${IFS}" + marker("rule") + ")", dn = "`touch${IFS}" + marker("dn") + "`";
+    const std::string cn = "\";touch${IFS}" + marker("cn") + ";\"", cn_json = "\\\";touch${IFS}" + marker("cn") + ";\\\"";
+    const std::string spaced_mac = "aabbccddeeff- 1 ff:ff:ff:ff:ff:ff";
     const std::string sched = R"({"1":{"mac":"aabbccddeeff","cn":"1","schedule":{)";
     const std::vector<std::string> bodies = {
         "\"rules\"", R"({"1":{"mac":["aabbccddeeff"],"cn":{}}})",
@@ -375,6 +410,7 @@ TEST_F(Hostile, RuleFilesWithWrongTypesEverywhere) {
             R"(","schedule":{"type":1,"from":"0:00","to":"23:59","weekly":[0,1,2,3,4,5,6]}},"3":{"mac":")" +
             std::string(300, 'a') + R"(","cn":"x"},"4":{"mac":"001122334455","cn":")" + std::string(500, 'L') + R"("}})",
         R"({"1":{"mac":"001122334455","cn":")" "\x01" R"(ctl"}})", R"({"1":{"mac":"001122334455","cn":"a\\nb"}})",
+        R"({"1":{"mac":")" + spaced_mac + R"(","cn":"7"},"2":{"mac":"001122334455","dn":"two words.example"}})",
         std::string(5000, '{'), "\xff\xfe{\"1\":{}}", std::string(3u << 20, ' '),
         sched + R"("type":1e300,"from":"0:00","to":"1:00"}}})",
         sched + R"("type":0,"from":"99999999999-99999999999-1 0:0","to":"x"}}})",
@@ -394,6 +430,7 @@ TEST_F(Hostile, RuleFilesWithWrongTypesEverywhere) {
     EXPECT_EQ(w.zorctl({"pc", "off"}), 0);
     EXPECT_GT(w.ctrl_count("pc rule add 1 aabbccddeeff 1 "), 0u) << "no valid rule was ever applied";
     EXPECT_GT(w.ctrl_count("pc rule add 2 aa:bb:cc:dd:ee:ff " + dn + " "), 0u) << "the rule of shell syntax never arrived as text";
+    EXPECT_EQ(w.ctrl_count("pc rule add 1 " + spaced_mac), 0u) << "a MAC with spaces added words";
     check_alive_and_bounded("hostile rule files");
 }
 

@@ -11,7 +11,7 @@
 
 #include "base64.h"
 #include "cloudsim.h"
-#include "cmd_recorder.h"
+#include "ctrl_capture.h"
 #include "qmx_curl.h"
 #include "qmx_db.h"
 #include "qmx_nlu.h"
@@ -26,9 +26,7 @@ namespace {
 using namespace std::chrono_literals;
 using lines = std::vector<std::string>;
 
-std::string ctrl(const std::string& text) {
-    return "[ -f /proc/zor/ctrl ] && echo \"db key2group " + text + "\" > /proc/zor/ctrl";
-}
+std::string ctrl(const std::string& text) { return "db key2group " + text; }
 
 // Holds the threads that run a matching command line until opened.
 struct gate {
@@ -109,8 +107,9 @@ protected:
     // The worker stops on the verdict for "block.example" until `hold`
     // opens, and on that for "late.example" until `hold_late` opens; the
     // announcer stops on the u2k of "held.example" until `hold_u2k` opens.
+    // The holds need the command runner, so commands take the shell channel.
     gate hold, hold_u2k, hold_late;
-    cmd_recorder rec{[this](const std::string& line) {
+    ctrl_capture rec{ctrl_capture::shell, [this](const std::string& line) {
         if (line.find("update 1 20 block.example ") != std::string::npos) hold.pass();
         if (line.find("update 1 20 late.example ") != std::string::npos) hold_late.pass();
         if (line.find("u2k 20 held.example\"") != std::string::npos) hold_u2k.pass();
@@ -199,7 +198,7 @@ TEST_F(Workers, PendingKeysGoOutInBatchesOf50NewestFirst) {
     EXPECT_EQ(queries(), want);
     report(20, "k5.example.com");
     ASSERT_TRUE(wait_finished(122));
-    EXPECT_EQ(rec.count_with("update 1 20 k5.example.com 86400 3 4\""), 2u);
+    EXPECT_EQ(rec.count_with("update 1 20 k5.example.com 86400 3 4"), 2u);
 
     qmxsrv_ctx.cloud_enabled = 0;
     for (int i = 0; i < 60; ++i) report(20, "off" + std::to_string(i) + ".example.com");

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "cmd_recorder.h"
+#include "ctrl_capture.h"
 #include "ipc/ipc_server.h"
 #include "test_util.h"
 
@@ -47,7 +47,7 @@ void ipc_set_socket(const std::string& path);
 
 // Runs the command server on sock_ for each test, with the context as at
 // start-up (running, cloud lookups on, parental control off, no rule file),
-// the log captured and shell commands recorded. TearDown stops the server
+// the log captured and kernel commands captured. TearDown stops the server
 // and any scheduler a command started.
 class ipc_server_fixture : public ::testing::Test {
 protected:
@@ -57,7 +57,7 @@ protected:
 
     temp_dir dir_;
     log_capture log_;
-    cmd_recorder rec_;
+    ctrl_capture rec_;  // kernel commands, direct channel
     std::string sock_ = dir_.file(".ipc.socket");
 };
 

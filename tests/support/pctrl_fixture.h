@@ -1,6 +1,6 @@
 // Test helper shared by the rule reader and scheduler tests: UTC calendar
 // times, the zone and rule clock restored after each test, rule files in a
-// temporary directory, and the kernel command line of an apply.
+// temporary directory.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,11 +24,6 @@ inline time_t utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
 inline void use_zone(const char* tz) {
     setenv("TZ", tz, 1);
     tzset();
-}
-
-// The guarded line that writes `text` into the kernel's control file.
-inline std::string ctrl_line(const std::string& text) {
-    return "[ -f /proc/zor/ctrl ] && echo \"" + text + "\" > /proc/zor/ctrl";
 }
 
 // Runs in UTC; the real clock and UTC come back after each test.

@@ -10,12 +10,15 @@
 #   /proc            a tmpfs; every entry of the real /proc but the process
 #                    directories is a symlink into it (self, sys, mounts, ...),
 #                    and so is the directory of COMMAND's own pid
-#   /proc/zor        DIR/zor: the control file "ctrl" appears there when the
-#                    insmod stub loads zor.ko, and goes when rmmod removes it
+#   /proc/zor        DIR/zor: the control file "ctrl", a regular file, appears
+#                    there empty when the insmod stub loads zor.ko; every
+#                    command written into it is appended, so it holds what the
+#                    module received, in order. rmmod moves its content to
+#                    DIR/ctrl.log and removes it
 #   /proc/world      DIR itself
 #   /bin/sh          the recording shell (world_sh): every command line goes
-#                    to DIR/commands.log and every line written into the
-#                    control file to DIR/ctrl.log, then runs in the real shell
+#                    to DIR/commands.log, then runs in the real shell; a line
+#                    that echoes into the control file appends to it
 #   PATH             starts with DIR/bin, which holds insmod, lsmod and rmmod
 #                    stubs that keep the loaded modules in DIR/modules
 # -m MODULE lists MODULE as already loaded. The recording shell is found with
@@ -64,14 +67,18 @@ EOF
     cat > "$bin/rmmod" <<'EOF'
 #!/bin/bash
 # rmmod of the simulated world: forgets the module; zor takes its control
-# file away.
+# file away (its content is kept in /proc/world/ctrl.log).
 [ $# -gt 0 ] || { echo "rmmod: ERROR: missing module name." >&2; exit 1; }
 status=0
 for name in "$@"; do
     if cut -d' ' -f1 /proc/world/modules | grep -qx -- "$name"; then
         grep -v -- "^$name\( \|\$\)" /proc/world/modules > /proc/world/modules.new || true
         mv /proc/world/modules.new /proc/world/modules
-        if [ "$name" = zor ]; then rm -f /proc/zor/ctrl; fi
+        if [ "$name" = zor ]; then
+            # What the module received goes with it; the world keeps it.
+            cat /proc/zor/ctrl >> /proc/world/ctrl.log 2>/dev/null || true
+            rm -f /proc/zor/ctrl
+        fi
     else
         echo "rmmod: ERROR: Module $name is not currently loaded" >&2
         status=1

@@ -3,16 +3,17 @@
 // service runs ("/bin/sh -c LINE") passes through here first:
 //
 //  - LINE is appended to /proc/world/commands.log, one record a line;
-//  - a LINE that redirects into /proc/zor/ctrl runs under an exclusive lock:
-//    the control file is emptied, the real shell runs LINE, and whatever it
-//    left in the control file is appended to /proc/world/ctrl.log. Each
-//    command rewrites the control file, so this is how every line the kernel
-//    module would have received is kept, in order;
-//  - everything then runs in the real shell, bound at /proc/world/real-sh.
+//  - a LINE that ends in "> /proc/zor/ctrl" (a kernel command in the shell
+//    channel) runs in the real shell with its output sent to a scratch file
+//    instead, and what it wrote is then appended to /proc/zor/ctrl with one
+//    write. The control file is a regular file here, so it accumulates every
+//    line the kernel module would have received, in order, whether the
+//    service wrote it directly or through a shell (whose ">" would otherwise
+//    replace what the file held);
+//  - everything else runs in the real shell, bound at /proc/world/real-sh.
 //
 // Records escape bytes below 0x20 and 0x7F as \xHH, so one record is one line.
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,8 +27,6 @@ namespace {
 
 constexpr const char* REAL_SH = "/proc/world/real-sh";
 constexpr const char* COMMANDS_LOG = "/proc/world/commands.log";
-constexpr const char* CTRL_LOG = "/proc/world/ctrl.log";
-constexpr const char* CTRL_LOCK = "/proc/world/ctrl.lock";
 constexpr const char* CTRL_FILE = "/proc/zor/ctrl";
 constexpr size_t CTRL_READ_MAX = 64 * 1024;
 
@@ -68,9 +67,9 @@ void append_record(const char* path, std::string_view text) {
     (void)n;
 }
 
-std::string read_ctrl() {
+std::string read_all(const char* path) {
     std::string out;
-    fd_owner f(open(CTRL_FILE, O_RDONLY | O_CLOEXEC));
+    fd_owner f(open(path, O_RDONLY | O_CLOEXEC));
     if (f.fd < 0) return out;
     char buf[4096];
     ssize_t n;
@@ -90,25 +89,25 @@ std::string read_ctrl() {
     _exit(127);
 }
 
-// Runs the real shell as a child with the control file to itself, then
-// keeps what the command wrote there.
-int run_recording_ctrl(char** argv) {
-    fd_owner lock(open(CTRL_LOCK, O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-    if (lock.fd >= 0) flock(lock.fd, LOCK_EX);
-    if (access(CTRL_FILE, F_OK) == 0) {
-        int t = truncate(CTRL_FILE, 0);
-        (void)t;
-    }
+// Runs `line` in the real shell with its redirection into the control file
+// turned to a scratch file of this process, then appends what it wrote to
+// the control file (when the module still has one).
+int run_recording_ctrl(std::string line) {
+    const std::string scratch = "/proc/world/ctrl." + std::to_string(getpid());
+    line.replace(line.size() - std::strlen(CTRL_FILE), std::string::npos, scratch);
+    char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), line.data(), nullptr};
     pid_t pid = fork();
     if (pid < 0) return 127;
     if (pid == 0) exec_real(argv);
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    std::string written = read_ctrl();
+    const std::string written = read_all(scratch.c_str());
+    unlink(scratch.c_str());
     if (!written.empty()) {
-        if (written.back() == '\n') written.pop_back();
-        append_record(CTRL_LOG, written);
+        fd_owner f(open(CTRL_FILE, O_WRONLY | O_APPEND | O_CLOEXEC));
+        if (f.fd >= 0 && write(f.fd, written.data(), written.size()) < 0)
+            std::fprintf(stderr, "world_sh: %s: %s\n", CTRL_FILE, std::strerror(errno));
     }
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
@@ -127,11 +126,12 @@ int main(int argc, char** argv) {
         }
     }
     if (!line.empty()) append_record(COMMANDS_LOG, line);
-    if (line.find(std::string("> ") + CTRL_FILE) != std::string::npos) {
+    const std::string tail = std::string("> ") + CTRL_FILE;
+    if (argc >= 3 && line.size() > tail.size() && line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
         // Leaves without exit handlers: an exit-time leak scan of a
         // sanitizer build would look for this process in the world's /proc,
         // which lists only the service.
-        _exit(run_recording_ctrl(argv));
+        _exit(run_recording_ctrl(line));
     }
     exec_real(argv);
 }
