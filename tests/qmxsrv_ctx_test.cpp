@@ -113,6 +113,7 @@ TEST_F(QmxsrvCtx, RouterRenderedConfigurationLoadsAsWritten) {
               std::make_tuple("acct-17", "se\\ncret#1 = x", "router-7", "zr-100", "/usr/lib/zor",
                               "cloud.example.net:443", "/usr/lib/zor/category.xdb"));
     EXPECT_EQ(*c.writable_root, dir.file("run"));
+    EXPECT_EQ(c.ctrl_shell.load(), 1);
 }
 
 }  // namespace
