@@ -17,7 +17,7 @@ constexpr const char* kSection = "zor";
 void clear_strings() {
     qmxsrv_ctx_t& c = qmxsrv_ctx;
     for (auto* field : {&c.root, &c.writable_root, &c.server, &c.product, &c.auth_id, &c.auth_pwd,
-                        &c.host, &c.xdb}) {
+                        &c.host, &c.xdb, &c.ipc_group, &c.ca_file}) {
         field->reset();
     }
 }
@@ -35,6 +35,7 @@ void ctx_reset() {
     clear_strings();
     c.log_level = 0;
     c.db_capacity = 0;
+    c.tls_verify = 1;
 }
 
 std::optional<std::string> read_key(const ini_t* ini, const char* key) {
@@ -95,6 +96,11 @@ int qmxsrv_ctx_load(const char* path) {
         return 0;
     }
     qmxsrv_ctx.xdb = read_key(ini.get(), "xdb");
+    qmxsrv_ctx.ipc_group = read_key(ini.get(), "ipc_group");
+    qmxsrv_ctx.ca_file = read_key(ini.get(), "ca_file");
+    // Only the value 0 itself turns checking off: a typo keeps it on.
+    const char* verify = ini_get_string(ini.get(), kSection, "tls_verify", nullptr);
+    qmxsrv_ctx.tls_verify = verify && strcmp(verify, "0") == 0 ? 0 : 1;
     qmxsrv_ctx.log_level = read_log_level(ini.get());
     qmxsrv_ctx.db_capacity = 2000;
     http_mode = static_cast<int32_t>(ini_get_int(ini.get(), kSection, "http_mode", 0));

@@ -35,6 +35,10 @@ struct qmxsrv_ctx_t {
     std::optional<std::string> auth_pwd;
     std::optional<std::string> host;
     std::optional<std::string> xdb;
+    // Hardening keys, all optional.
+    std::optional<std::string> ipc_group;  // group served by the command socket too
+    std::optional<std::string> ca_file;    // PEM bundle trusted for the cloud instead of the system's
+    int32_t tls_verify = 1;                // 0: the cloud's certificate is not checked
     uint32_t log_level = 0;  // 0..6
     int32_t db_capacity = 0; // always 2000 once loaded
 };

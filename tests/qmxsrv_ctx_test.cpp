@@ -65,6 +65,20 @@ TEST_F(QmxsrvCtx, LoadFillsEveryFieldAndResetsTheRunState) {
     EXPECT_TRUE(!qmxsrv_ctx.xdb && http_mode == 0 && qmxsrv_ctx.ctrl_shell == 0);
 }
 
+// Certificate checking is on unless tls_verify is exactly 0; ipc_group and
+// ca_file are taken as written and forgotten by the next load.
+TEST_F(QmxsrvCtx, HardeningKeysDefaultToTheSafeSide) {
+    for (auto [line, verify] : {std::pair<const char*, int>{"", 1}, {"tls_verify = 0\n", 0}, {"tls_verify = 1\n", 1},
+                                {"tls_verify = no\n", 1}, {"tls_verify = 00\n", 1}, {"tls_verify =\n", 1}}) {
+        ASSERT_EQ(load(config("", line)).first, 1) << line;
+        EXPECT_EQ(qmxsrv_ctx.tls_verify, verify) << line;
+    }
+    ASSERT_EQ(load(config("", "ipc_group = www-admin\nca_file = /etc/zor/cloud-ca.pem\ntls_verify = 0\n")).first, 1);
+    EXPECT_EQ(*qmxsrv_ctx.ipc_group + " " + *qmxsrv_ctx.ca_file, "www-admin /etc/zor/cloud-ca.pem");
+    ASSERT_EQ(load(config()).first, 1);
+    EXPECT_TRUE(!qmxsrv_ctx.ipc_group && !qmxsrv_ctx.ca_file && qmxsrv_ctx.tls_verify == 1);
+}
+
 TEST_F(QmxsrvCtx, LogLevelCanNeverReachDebug) {
     for (auto [line, level] : {std::pair<const char*, uint32_t>{"log_level = 7\n", 3}, {"log_level = 0x5\n", 5},
                                {"", 3}, {"log_level = 6\n", 6}, {"log_level = 010\n", 3}, {"log_level = 4294967301\n", 3}}) {
@@ -85,15 +99,19 @@ TEST_F(QmxsrvCtx, MissingKeyOrUnreadableFileFailsAndReleasesEverything) {
     EXPECT_TRUE(all_strings_released());
 }
 
-// Missing parents are made private; the socket path is cut to 255 characters.
+// Missing directories are made 0750 whatever the umask (0 in a daemon);
+// the socket path is cut to 255 characters.
 TEST_F(QmxsrvCtx, WritableRootAndSocketPath) {
-    mode_t old_mask = umask(022);
-    writable_root = dir.file("a/b/c/");
-    int ok = load(config()).first;
-    umask(old_mask);
-    ASSERT_EQ(ok, 1);
-    EXPECT_EQ(std::make_tuple(mode_of(dir.file("a")), mode_of(dir.file("a/b")), mode_of(dir.file("a/b/c"))),
-              std::make_tuple(0700u, 0700u, 0755u));
+    for (mode_t mask : {0000, 0077}) {
+        std::filesystem::remove_all(dir.file("a"));
+        mode_t old_mask = umask(mask);
+        writable_root = dir.file("a/b/c/");
+        int ok = load(config()).first;
+        umask(old_mask);
+        ASSERT_EQ(ok, 1);
+        EXPECT_EQ(std::make_tuple(mode_of(dir.file("a")), mode_of(dir.file("a/b")), mode_of(dir.file("a/b/c"))),
+                  std::make_tuple(0750u, 0750u, 0750u)) << "umask " << mask;
+    }
     EXPECT_STREQ(qmxsrv_ctx.ipc_socket, (dir.file("a/b/c/") + "/.ipc.socket").c_str());
     while (writable_root.size() < 300) writable_root += "/" + std::string(40, 'd');
     std::filesystem::create_directories(writable_root);

@@ -5,6 +5,16 @@
 #include <cstdio>
 #include <cstring>
 
+namespace {
+
+// A directory this call makes gets exactly kDirMode, whatever the umask;
+// one that exists already is left as it is.
+void make_one(const char* path) {
+    if (mkdir(path, kDirMode) == 0) chmod(path, kDirMode);
+}
+
+}  // namespace
+
 void dir_make_chain(const char* path) {
     struct stat st;
     if (!path || stat(path, &st) == 0) return;
@@ -16,8 +26,8 @@ void dir_make_chain(const char* path) {
     for (size_t i = 1; i < len; ++i) {
         if (buf[i] != '/') continue;
         buf[i] = '\0';
-        mkdir(buf, 0700);
+        make_one(buf);
         buf[i] = '/';
     }
-    mkdir(buf, 0755);
+    make_one(buf);
 }
