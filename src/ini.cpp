@@ -223,11 +223,11 @@ void dump_one(const ini_section_t& s, FILE* out) {
 }  // namespace
 
 ini_t* ini_open(const char* path, char mode) {
-    const char* fmode = mode == 'r' ? "r" : mode == 'w' ? "r+" : nullptr;
+    const char* fmode = mode == 'r' ? "re" : mode == 'w' ? "r+e" : nullptr;
     if (!fmode) return nullptr;
     ini_ptr ini(new (std::nothrow) ini_t);
     if (!ini) return nullptr;
-    ini->fp.reset(path ? fopen(path, fmode) : stdin);
+    ini->fp.reset(path ? fopen(path, fmode) : stdin);  // fmode ends in "e": close-on-exec
     if (!ini->fp) return nullptr;
     if (path) {
         ini->path = path;

@@ -2,14 +2,18 @@
 
 #include "util/dir_chain.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -25,6 +29,7 @@ constexpr uint32_t kDefaultLevel = 6;
 constexpr uint32_t kMaxSize = 0x100000;  // the file is rotated once it is larger
 constexpr size_t kDumpMax = 2048;
 constexpr size_t kNameMax = 128;
+constexpr mode_t kFileMode = 0640;  // log file and its backup: never world-readable
 
 struct file_closer {
     void operator()(FILE* f) const { fclose(f); }
@@ -40,6 +45,7 @@ struct log_context {
     char dir[kNameMax + 1] = {};
     char name[kNameMax + 1] = {};
     char path[358] = {};  // "<dir>/<name>.log", built by the first line written
+    bool link_reported = false;  // the refusal of a link in the file's place was printed
 };
 
 namespace {
@@ -102,14 +108,249 @@ const char* short_name(const char* file) {
     return len < 4 ? file : file + len - 4;
 }
 
+// Opens <path> for appending without following a link in its place. A file
+// the log makes gets kFileMode whatever the umask; an existing one is used
+// only when it is a regular file with one name (not a hard link planted to
+// some other file). -1 with errno set otherwise.
+int open_append(const char* path) {
+    const int flags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+    int fd = open(path, flags | O_CREAT | O_EXCL, kFileMode);
+    if (fd >= 0) {
+        if (fchmod(fd, kFileMode) != 0) {
+            int err = errno;
+            close(fd);
+            errno = err;
+            return -1;
+        }
+        return fd;
+    }
+    if (errno != EEXIST) return -1;
+    fd = open(path, flags);
+    if (fd < 0) return -1;
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1) {
+        close(fd);
+        errno = EPERM;
+        return -1;
+    }
+    return fd;
+}
+
 // Opens the log file for one line or dump; the caller holds state.lock.
 // Reopening for every line lets a rename or deletion take effect at once.
 file_ptr open_log(log_context* ctx) {
     snprintf(ctx->path, sizeof ctx->path, "%s/%s.log", ctx->dir, ctx->name);
-    file_ptr fp(fopen(ctx->path, "a"));
-    if (!fp) fprintf(stderr, "failed to open log file %s! (%s,%s)\n", ctx->path, ctx->dir, ctx->name);
+    int fd = open_append(ctx->path);
+    file_ptr fp(fd >= 0 ? fdopen(fd, "a") : nullptr);
+    if (!fp) {
+        if (fd >= 0) {
+            close(fd);
+        } else if (errno == ELOOP) {
+            // Said once: every line would repeat it.
+            if (!ctx->link_reported)
+                fprintf(stderr, "log file %s is a symbolic link: not followed, nothing is written to it\n",
+                        ctx->path);
+            ctx->link_reported = true;
+            return fp;
+        }
+        fprintf(stderr, "failed to open log file %s! (%s,%s)\n", ctx->path, ctx->dir, ctx->name);
+        return fp;
+    }
+    ctx->link_reported = false;
     return fp;
 }
+
+// The message part of a line being built: bytes go in while they fit
+// (one byte is kept for the NUL); once one does not, the rest is cut.
+struct line_writer {
+    char* out;
+    size_t cap;
+    size_t at = 0;
+    bool full = false;
+
+    void raw(const char* p, size_t n) {
+        if (full || at + n >= cap) {
+            full = true;  // never half an escape
+            return;
+        }
+        memcpy(out + at, p, n);
+        at += n;
+    }
+    // A byte of a text from outside: a control byte as the four characters \xHH.
+    void shown(unsigned char c) {
+        if (c < 0x20 || c == 0x7F) {
+            char esc[5];
+            snprintf(esc, sizeof esc, "\\x%02X", c);
+            raw(esc, 4);
+        } else {
+            raw(reinterpret_cast<const char*>(&c), 1);
+        }
+    }
+};
+
+// One conversion of the format: its text with '*' widths filled in.
+struct conversion {
+    char spec[48];
+    size_t len = 0;
+    bool left = false;
+    int width = -1;
+    int precision = -1;
+    char length[3] = {};
+    char conv = 0;
+};
+
+// Reads the conversion after a '%' at fmt[*i] (flags, width, precision,
+// length, conversion letter), taking '*' values from `ap`.
+bool parse_conversion(const char* fmt, size_t* i, va_list& ap, conversion* c) {
+    auto put = [c](const char* t) {
+        size_t n = strlen(t);
+        if (c->len + n >= sizeof c->spec) return false;
+        memcpy(c->spec + c->len, t, n + 1);
+        c->len += n;
+        return true;
+    };
+    char one[2] = {0, 0};
+    put("%");
+    while (fmt[*i] && strchr("-+ #0'", fmt[*i])) {
+        if (fmt[*i] == '-') c->left = true;
+        one[0] = fmt[(*i)++];
+        put(one);
+    }
+    char num[16];
+    if (fmt[*i] == '*') {
+        ++*i;
+        c->width = va_arg(ap, int);
+        if (c->width < 0) {
+            c->left = true;
+            put("-");
+            c->width = -c->width;
+        }
+        snprintf(num, sizeof num, "%d", c->width);
+        put(num);
+    } else {
+        int w = 0;
+        bool any = false;
+        while (isdigit(static_cast<unsigned char>(fmt[*i]))) {
+            w = std::min(w * 10 + (fmt[*i] - '0'), 4096);
+            one[0] = fmt[(*i)++];
+            put(one);
+            any = true;
+        }
+        if (any) c->width = w;
+    }
+    if (fmt[*i] == '.') {
+        ++*i;
+        int p = 0;
+        if (fmt[*i] == '*') {
+            ++*i;
+            p = va_arg(ap, int);
+        } else {
+            while (isdigit(static_cast<unsigned char>(fmt[*i]))) p = std::min(p * 10 + (fmt[(*i)++] - '0'), 1 << 20);
+        }
+        if (p >= 0) {
+            c->precision = p;
+            snprintf(num, sizeof num, ".%d", p);
+            put(num);
+        }
+    }
+    size_t l = 0;
+    while (fmt[*i] && strchr("hlLqjzt", fmt[*i]) && l < 2) c->length[l++] = fmt[(*i)++];
+    put(c->length);
+    c->conv = fmt[*i];
+    if (c->conv == '\0') return false;
+    ++*i;
+    one[0] = c->conv;
+    return put(one);
+}
+
+// Formats one non-text conversion with snprintf, taking its argument from
+// `ap` by the conversion's type.
+int format_value(char* out, size_t cap, const conversion& c, va_list& ap) {
+    const std::string_view len(c.length);
+    switch (c.conv) {
+        case 'd': case 'i':
+            if (len == "hh" || len == "h" || len.empty()) return snprintf(out, cap, c.spec, va_arg(ap, int));
+            if (len == "l") return snprintf(out, cap, c.spec, va_arg(ap, long));
+            if (len == "ll" || len == "q") return snprintf(out, cap, c.spec, va_arg(ap, long long));
+            if (len == "z") return snprintf(out, cap, c.spec, va_arg(ap, ssize_t));
+            if (len == "j") return snprintf(out, cap, c.spec, va_arg(ap, intmax_t));
+            if (len == "t") return snprintf(out, cap, c.spec, va_arg(ap, ptrdiff_t));
+            return -1;
+        case 'u': case 'o': case 'x': case 'X':
+            if (len == "hh" || len == "h" || len.empty()) return snprintf(out, cap, c.spec, va_arg(ap, unsigned));
+            if (len == "l") return snprintf(out, cap, c.spec, va_arg(ap, unsigned long));
+            if (len == "ll" || len == "q") return snprintf(out, cap, c.spec, va_arg(ap, unsigned long long));
+            if (len == "z") return snprintf(out, cap, c.spec, va_arg(ap, size_t));
+            if (len == "j") return snprintf(out, cap, c.spec, va_arg(ap, uintmax_t));
+            if (len == "t") return snprintf(out, cap, c.spec, va_arg(ap, ptrdiff_t));
+            return -1;
+        case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
+            if (len == "L") return snprintf(out, cap, c.spec, va_arg(ap, long double));
+            return snprintf(out, cap, c.spec, va_arg(ap, double));
+        case 'p': return snprintf(out, cap, c.spec, va_arg(ap, void*));
+        default: return -1;
+    }
+}
+
+// Appends `text` (at most `max` bytes of it, stopping at its NUL) padded to
+// the conversion's width, each control byte shown as \xHH.
+void put_text(line_writer& w, const char* text, size_t max, const conversion& c) {
+    if (!text) text = "(null)";
+    size_t shown = 0;
+    for (size_t k = 0; k < max && text[k]; ++k) {
+        const unsigned char b = static_cast<unsigned char>(text[k]);
+        shown += (b < 0x20 || b == 0x7F) ? 4 : 1;
+    }
+    const size_t pad = c.width > 0 && static_cast<size_t>(c.width) > shown ? c.width - shown : 0;
+    if (!c.left)
+        for (size_t k = 0; k < pad; ++k) w.raw(" ", 1);
+    for (size_t k = 0; k < max && text[k]; ++k) w.shown(static_cast<unsigned char>(text[k]));
+    if (c.left)
+        for (size_t k = 0; k < pad; ++k) w.raw(" ", 1);
+}
+
+}  // namespace
+
+void log_format(char* out, size_t cap, const char* fmt, va_list ap_in) {
+    if (!out || cap == 0) return;
+    out[0] = '\0';
+    if (!fmt) return;
+    va_list ap;
+    va_copy(ap, ap_in);
+    line_writer w{out, cap};
+    for (size_t i = 0; fmt[i] && !w.full;) {
+        if (fmt[i] != '%') {
+            w.raw(fmt + i++, 1);  // the message text itself stays as written
+            continue;
+        }
+        ++i;
+        if (fmt[i] == '%') {
+            w.raw("%", 1);
+            ++i;
+            continue;
+        }
+        conversion c;
+        if (!parse_conversion(fmt, &i, ap, &c)) break;
+        if (c.conv == 's') {
+            const char* text = va_arg(ap, const char*);
+            put_text(w, text, c.precision >= 0 ? static_cast<size_t>(c.precision) : SIZE_MAX, c);
+        } else if (c.conv == 'c') {
+            const char ch = static_cast<char>(va_arg(ap, int));
+            put_text(w, &ch, 1, c);
+        } else if (c.conv == 'n') {
+            (void)va_arg(ap, int*);  // never written through
+        } else {
+            char value[512];
+            int n = format_value(value, sizeof value, c, ap);
+            if (n < 0) break;  // an unknown conversion: stop before misreading arguments
+            for (size_t k = 0; k < sizeof value && value[k]; ++k) w.shown(static_cast<unsigned char>(value[k]));
+        }
+    }
+    out[w.at] = '\0';
+    va_end(ap);
+}
+
+namespace {
 
 // The one level writer: `level` is the writer's number, 0 for "G".
 void write_line(uint32_t level, const char* file, int line, const char* fmt, va_list ap) {
@@ -124,7 +365,7 @@ void write_line(uint32_t level, const char* file, int line, const char* fmt, va_
     int prefix = snprintf(ctx->line, sizeof ctx->line, "%s %.4s/%03d[%s] ", stamp,
                           short_name(file), line, kTags[level]);
     if (prefix > 0 && static_cast<size_t>(prefix) < sizeof ctx->line)
-        vsnprintf(ctx->line + prefix, sizeof ctx->line - prefix, fmt, ap);
+        log_format(ctx->line + prefix, sizeof ctx->line - prefix, fmt, ap);
     fprintf(fp.get(), "%s\r\n", ctx->line);
     if (state.console.load()) {
         printf("%s\r\n", ctx->line);
@@ -142,7 +383,7 @@ void rotate_if_full() {
         path = state.ctx->path;
     }
     struct stat st;
-    if (path.empty() || stat(path.c_str(), &st) != 0 || st.st_size <= kMaxSize) return;
+    if (path.empty() || lstat(path.c_str(), &st) != 0 || st.st_size <= kMaxSize) return;
     std::string backup = path + ".bk";
     unlink(backup.c_str());  // one backup generation only
     bool renamed;
@@ -283,10 +524,19 @@ void write_tagged(uint32_t level, Body body) {
 
 }  // namespace
 
+void log_format_text(char* out, size_t cap, const char* text) {
+    if (!out || cap == 0) return;
+    line_writer w{out, cap};
+    for (const char* p = text ? text : ""; *p && !w.full; ++p) w.shown(static_cast<unsigned char>(*p));
+    out[w.at] = '\0';
+}
+
 // Title and dump end in LF only, unlike the level writers' CR LF.
 void log_hex(uint32_t level, const char* title, const void* data, size_t len) {
     write_tagged(level, [&](FILE* fp) {
-        fprintf(fp, "%s\n", title ? title : "");
+        char shown[1024];
+        log_format_text(shown, sizeof shown, title ? title : "");
+        fprintf(fp, "%s\n", shown);
         hexdump(fp, data, std::min(len, kDumpMax));
     });
 }
@@ -294,7 +544,11 @@ void log_hex(uint32_t level, const char* title, const void* data, size_t len) {
 void log_strings(uint32_t level, int count, const char* const* strings) {
     if (count <= 0 || !strings) return;
     write_tagged(level, [&](FILE* fp) {
-        for (int i = 0; i < count; ++i) fprintf(fp, " %s", strings[i] ? strings[i] : "");
+        for (int i = 0; i < count; ++i) {
+            char shown[1024];
+            log_format_text(shown, sizeof shown, strings[i] ? strings[i] : "");
+            fprintf(fp, " %s", shown);
+        }
         fputc('\n', fp);
     });
 }

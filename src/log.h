@@ -12,9 +12,18 @@
 // (those before its extension), LLL the line number with at least three
 // digits, T the level tag: G (always), A 1, C 2, E 3, W 4, N 5, I 6, D 7.
 // A writer writes when the level is at least its number (default 6).
+//
+// The message text of a call is written as it stands, but what its
+// conversions bring in (texts from the network, the kernel, files and the
+// command socket) never carries a control byte into the file: each one is
+// shown as \xHH, so one call is one line.
+//
+// The file is never opened through a symbolic link; one the log makes gets
+// mode 0640 whatever the umask, and the directories it makes are 0750.
 #pragma once
 
 #include <chrono>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -63,6 +72,15 @@ void log_strings(uint32_t level, int count, const char* const* strings);
 // bytes, four blanks, then the bytes as text ('.' for unprintable ones).
 // At most 2048 bytes; nothing for null or 0.
 void hexdump(FILE* stream, const void* data, size_t len);
+
+// The formatting of the level writers: printf's conversions (flags, width,
+// precision, '*', the length modifiers; %n is ignored), with every byte
+// below 0x20 and 0x7F that a conversion brings in shown as \xHH. Bytes of
+// `fmt` itself are copied unchanged. Cut to fit `cap` (never half an
+// escape), always NUL-terminated.
+void log_format(char* out, size_t cap, const char* fmt, va_list ap);
+// `text` with its control bytes shown as \xHH, cut to fit `cap`.
+void log_format_text(char* out, size_t cap, const char* text);
 
 // Call-site macros: every message carries the file and line it came from.
 #define LOG_G(...) log_g(__FILE__, __LINE__, __VA_ARGS__)

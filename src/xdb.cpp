@@ -406,7 +406,7 @@ void category_db_free(category_db* db) {
 }
 
 category_db_ptr xdb_load(const char* path) {
-    file_ptr f(path ? std::fopen(path, "rb") : nullptr);
+    file_ptr f(path ? std::fopen(path, "rbe") : nullptr);
     if (!f) {
         std::fprintf(stderr, "Failed to open file, %s!\n", path ? path : "(null)");
         return nullptr;

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdarg>
 #include <ctime>
 #include <regex>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -25,6 +27,21 @@ const std::regex kLine(R"(^(\d{8} \d{2}:\d{2}:\d{2}) (.{1,4})/(\d{3,})\[([GACEWN
 off_t file_size(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+mode_t mode_of(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 0;
+}
+
+// log_format into a buffer of `cap` bytes.
+std::string formatted(size_t cap, const char* fmt, ...) {
+    std::string out(cap, '?');
+    va_list ap;
+    va_start(ap, fmt);
+    log_format(out.data(), cap, fmt, ap);
+    va_end(ap);
+    return out.c_str();
 }
 
 class LogTest : public ::testing::Test {
@@ -146,6 +163,94 @@ TEST_F(LogTest, ConcurrentWritersNeverInterleaveLines) {
         seen.insert(text);
     }
     EXPECT_EQ(seen.size(), 1200u);
+}
+
+// What a conversion brings in never carries a control byte (shown as \xHH);
+// the format's own bytes, CR LF included, stay; widths, precisions and the
+// other conversions behave as printf's; a cut never leaves half an escape.
+TEST(LogFormat, ControlBytesFromArgumentsAreShownAsHex) {
+    struct row { std::string got, want; };
+    const std::string numbers = [] {
+        char b[128];
+        snprintf(b, sizeof b, "%d %ld %lld %u %zu %hu %hhu %03d %x %5.1f %%", -1, -2L, -3LL, 4u, size_t{5},
+                 static_cast<unsigned short>(6), static_cast<unsigned char>(7), 8, 255, 2.25);
+        return std::string(b);
+    }();
+    const row rows[] = {
+        {formatted(256, "%s", "a\nb\r\x01\x7f" "c"), "a\\x0Ab\\x0D\\x01\\x7Fc"},
+        {formatted(256, "Backup %s to %s\r\n", "x\ny", "z"), "Backup x\\x0Ay to z\r\n"},
+        {formatted(256, "\n%s\n", "listing"), "\nlisting\n"},
+        {formatted(256, "%.*s|", 3, "ab\ncd"), "ab\\x0A|"},
+        {formatted(256, "%-8s|%5s|%.2s", "a\tb", "ab", "xyz"), "a\\x09b  |   ab|xy"},
+        {formatted(256, "%c%c", '\n', 'k'), "\\x0Ak"},
+        {formatted(256, "%s", static_cast<const char*>(nullptr)), "(null)"},
+        {formatted(256, "%d %ld %lld %u %zu %hu %hhu %03d %x %5.1f %%", -1, -2L, -3LL, 4u, size_t{5},
+                   static_cast<unsigned short>(6), static_cast<unsigned char>(7), 8, 255, 2.25), numbers},
+        {formatted(8, "%s", "abcdef\n"), "abcdef"},
+        {formatted(8, "abcdefghij"), "abcdefg"},
+    };
+    for (size_t i = 0; i < std::size(rows); ++i) EXPECT_EQ(rows[i].got, rows[i].want) << "row " << i;
+
+    char shown[16];
+    log_format_text(shown, sizeof shown, "k\x1b[2J");
+    EXPECT_STREQ(shown, "k\\x1B[2J");
+}
+
+// A key, path or reply body with line breaks stays on the one line of its
+// call.
+TEST_F(LogTest, OneCallIsOneLine) {
+    start(6);
+    log_i("abc", 1, "key: %s", "evil.example\r\n20240101 00:00:00 main/001[I] forged");
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_NE(lines()[0].find("key: evil.example\\x0D\\x0A20240101"), std::string::npos) << lines()[0];
+}
+
+// The file and its backup are 0640 and the directories made 0750 whatever
+// the umask: a daemon runs with umask 0.
+TEST_F(LogTest, FilesAndDirectoriesGetExplicitModes) {
+    const mode_t old_mask = umask(0);
+    log_set_clean_interval(10ms);
+    const std::string deep = dir.path() + "/made/log";
+    start(6, deep);
+    log_i("abc", 1, "first");
+    umask(old_mask);
+    const std::string file = deep + "/zorsrv.log";
+    EXPECT_EQ(mode_of(file), 0640u);
+    EXPECT_EQ(mode_of(dir.path() + "/made"), 0750u);
+    EXPECT_EQ(mode_of(deep), 0750u);
+    ASSERT_EQ(truncate(file.c_str(), 1048577), 0);
+    ASSERT_TRUE(zor_test::eventually([&] { return file_exists(file + ".bk"); }));
+    EXPECT_EQ(mode_of(file + ".bk"), 0640u);
+}
+
+// A symbolic link, a second hard link or a FIFO in the file's place is not
+// written through (a link is said once on standard error); logging goes on
+// and resumes into a file of its own once the intruder is gone.
+TEST_F(LogTest, PlantedLinksAreNotFollowed) {
+    const std::string target = dir.file("root-owned");
+    ASSERT_TRUE(zor_test::write_file(target, "precious\n"));
+    struct plant { const char* what; std::function<int()> make; size_t messages; };
+    const plant plants[] = {
+        {"symlink", [&] { return symlink(target.c_str(), path().c_str()); }, 1},
+        {"hard link", [&] { return link(target.c_str(), path().c_str()); }, 3},
+        {"fifo", [&] { return mkfifo(path().c_str(), 0666); }, 3},
+    };
+    start(6);
+    for (const plant& p : plants) {
+        unlink(path().c_str());
+        ASSERT_EQ(p.make(), 0) << p.what;
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < 3; ++i) log_i("abc", 1, "line %d", i);
+        const std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(read_file(target), "precious\n") << p.what;
+        size_t messages = 0;
+        for (size_t at = 0; (at = err.find(path(), at)) != std::string::npos; ++at) ++messages;
+        EXPECT_EQ(messages, p.messages) << p.what << ": " << err;
+    }
+    unlink(path().c_str());
+    log_i("abc", 1, "back");
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_EQ(mode_of(path()), 0640u);
 }
 
 }  // namespace
