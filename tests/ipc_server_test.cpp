@@ -1,8 +1,13 @@
 // The command server over a real Unix socket, with raw request records.
 #include "ipc/ipc_server.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstring>
@@ -133,6 +138,103 @@ TEST_F(IpcServer, StartRebindsOverALeftOverFileAndRefusesBadPaths) {
     EXPECT_TRUE(log_.contains("too long"));
     EXPECT_FALSE(file_exists(path107 + "s"));
     ipc_set_socket(sock_);
+}
+
+// What became of a request sent from another account.
+enum class fate { served = 0, no_entry = 1, closed_unanswered = 2, other = 3 };
+
+// Connects to `path` as uid/gid (no supplementary groups) from a forked
+// child and sends `cmd`; how that went.
+fate request_as(const std::string& path, uid_t uid, gid_t gid, int32_t cmd) {
+    const ipc_request req = make_request(cmd);
+    pid_t pid = fork();
+    if (pid == 0) {
+        // Only system calls from here: the parent runs threads.
+        if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(3);
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un a{};
+        a.sun_family = AF_UNIX;
+        memcpy(a.sun_path, path.c_str(), path.size());
+        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) _exit(errno == EACCES ? 1 : 3);
+        timeval tv{5, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        (void)send(fd, &req, sizeof req, MSG_NOSIGNAL);
+        char reply[sizeof(ipc_reply) + 1];
+        ssize_t got = 0, n;
+        while ((n = recv(fd, reply + got, sizeof reply - got, 0)) > 0) got += n;
+        // Closed before the request was read: a reset rather than an end.
+        if (n < 0 && errno == ECONNRESET && got == 0) _exit(2);
+        _exit(n < 0 ? 3 : got == sizeof(ipc_reply) ? 0 : got == 0 ? 2 : 3);
+    }
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return fate::other;
+    return static_cast<fate>(WEXITSTATUS(status));
+}
+
+// Root, the service's own uid and the configured group are served; anyone
+// else is stopped by the socket file's mode, or, should that ever let them
+// through, closed unanswered by the credential check with a log line, and
+// their command has no effect. The file's mode does not depend on the umask.
+TEST_F(IpcServer, OnlyRootTheServiceAndItsGroupAreServed) {
+    if (geteuid() != 0) GTEST_SKIP() << "switching accounts needs root";
+    const group* nogroup = getgrgid(65534);
+    if (!nogroup) GTEST_SKIP() << "no group 65534 here";
+    const std::string group_name = nogroup->gr_name;
+    ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+    struct row {
+        const char* what;
+        bool with_group;
+        bool loosened;  // the socket file made 0666 behind the service's back
+        uid_t uid;
+        fate expected;
+    } rows[] = {
+        {"stranger", false, false, 65534, fate::no_entry},
+        {"stranger past a loosened file", false, true, 65534, fate::closed_unanswered},
+        {"member of ipc_group", true, false, 65534, fate::served},
+        {"non-member with ipc_group", true, false, 65533, fate::no_entry},
+        {"non-member past a loosened file", true, true, 65533, fate::closed_unanswered},
+        {"root", false, false, 0, fate::served},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.what);
+        ipc_srv_stop();
+        qmxsrv_ctx.ipc_group = r.with_group ? std::optional<std::string>(group_name) : std::nullopt;
+        const mode_t old_mask = umask(0);
+        ASSERT_EQ(ipc_srv_start(), 1);
+        umask(old_mask);
+        struct stat st{};
+        ASSERT_EQ(lstat(sock_.c_str(), &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, r.with_group ? 0660u : 0600u);
+        EXPECT_EQ(st.st_gid, r.with_group ? 65534u : 0u);
+        if (r.loosened) {
+            ASSERT_EQ(chmod(sock_.c_str(), 0666), 0);
+        }
+        const std::string refusal = "[E] Refused command connection from uid " + std::to_string(r.uid) + " ";
+        auto refusals = [&] {
+            size_t n = 0;
+            for (const std::string& l : log_.lines()) n += l.find(refusal) != std::string::npos;
+            return n;
+        };
+        const size_t before = refusals();
+        qmxsrv_ctx.running = 1;
+        EXPECT_EQ(request_as(sock_, r.uid, r.uid, IPC_CMD_EXIT), r.expected);
+        EXPECT_EQ(qmxsrv_ctx.running.load(), r.expected == fate::served ? 0 : 1);
+        EXPECT_EQ(refusals() - before, r.expected == fate::closed_unanswered ? 1u : 0u);
+    }
+    qmxsrv_ctx.ipc_group.reset();
+    qmxsrv_ctx.running = 1;
+}
+
+// An ipc_group that names no group admits nobody more, and says so.
+TEST_F(IpcServer, UnknownGroupLeavesTheSocketPrivate) {
+    ipc_srv_stop();
+    qmxsrv_ctx.ipc_group = "no-such-group-here";
+    ASSERT_EQ(ipc_srv_start(), 1);
+    qmxsrv_ctx.ipc_group.reset();
+    struct stat st{};
+    ASSERT_EQ(lstat(sock_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    EXPECT_TRUE(log_.contains("[E] ipc_group no-such-group-here: no such group"));
 }
 
 }  // namespace

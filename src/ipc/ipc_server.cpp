@@ -1,6 +1,7 @@
 #include "ipc/ipc_server.h"
 
 #include <cjson/cJSON.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -283,12 +284,41 @@ bool serve(int conn, int stop, ipc_reply& reply) {
     return true;
 }
 
+// True when `gid` is the peer's group or one of its supplementary groups.
+bool peer_in_group(int conn, const ucred& cred, gid_t gid) {
+    if (cred.gid == gid) return true;
+#ifdef SO_PEERGROUPS
+    gid_t groups[256];
+    socklen_t len = sizeof groups;
+    if (getsockopt(conn, SOL_SOCKET, SO_PEERGROUPS, groups, &len) == 0) {
+        for (size_t i = 0; i < len / sizeof(gid_t); ++i)
+            if (groups[i] == gid) return true;
+    }
+#endif
+    return false;
+}
+
+// Root, the service's own uid and members of the configured group are
+// served; anyone else is logged and closed without a reply.
+bool peer_allowed(int conn, std::optional<gid_t> group) {
+    ucred cred{};
+    socklen_t len = sizeof cred;
+    if (getsockopt(conn, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0 || len != sizeof cred) {
+        LOG_E("Refused command connection: peer credentials unknown");
+        return false;
+    }
+    if (cred.uid == 0 || cred.uid == geteuid() || (group && peer_in_group(conn, cred, *group))) return true;
+    LOG_E("Refused command connection from uid %u gid %u pid %d", static_cast<unsigned>(cred.uid),
+          static_cast<unsigned>(cred.gid), static_cast<int>(cred.pid));
+    return false;
+}
+
 bool accept_error_is_transient(int err) {
     return err == EINTR || err == EAGAIN || err == EWOULDBLOCK || err == ECONNABORTED ||
            err == EPROTO;
 }
 
-void ipc_thread(int listen, int stop) {
+void ipc_thread(int listen, int stop, std::optional<gid_t> group) {
     LOG_D("Start command handler ...\r\n");
     ipc_reply reply{};
     for (;;) {
@@ -305,6 +335,7 @@ void ipc_thread(int listen, int stop) {
             break;
         }
         unique_fd connection(conn);
+        if (!peer_allowed(conn, group)) continue;
         if (!serve(conn, stop, reply)) break;
     }
 }
@@ -328,8 +359,38 @@ void stop_locked() {
     stop_fd.reset();
 }
 
+// The socket file's owner, group and mode: root's and the service's own
+// (0600), or also the configured group's (0660). Set between bind and
+// listen, so nobody else ever connects.
+bool restrict_socket_file(const char* path, std::optional<gid_t> group) {
+    if (group && chown(path, static_cast<uid_t>(-1), *group) != 0) {
+        LOG_E("socket group not set: %s", strerror(errno));
+        return false;
+    }
+    if (chmod(path, group ? 0660 : 0600) != 0) {
+        LOG_E("socket mode not set: %s", strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+// The gid of the configured ipc_group; nullopt when none is configured or
+// the group is unknown (logged: then only root and the service are served).
+std::optional<gid_t> configured_group() {
+    if (!qmxsrv_ctx.ipc_group || qmxsrv_ctx.ipc_group->empty()) return std::nullopt;
+    group g{};
+    group* found = nullptr;
+    char buf[4096];
+    if (getgrnam_r(qmxsrv_ctx.ipc_group->c_str(), &g, buf, sizeof buf, &found) != 0 || !found) {
+        LOG_E("ipc_group %s: no such group; the command socket serves root and the service only",
+              qmxsrv_ctx.ipc_group->c_str());
+        return std::nullopt;
+    }
+    return found->gr_gid;
+}
+
 // Binds and listens on `path`; returns the descriptor or -1 (logged).
-int open_listener(const char* path, size_t len) {
+int open_listener(const char* path, size_t len, std::optional<gid_t> group) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         LOG_E("create socket failed: %d", fd);
@@ -342,6 +403,10 @@ int open_listener(const char* path, size_t len) {
     int rc = bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     if (rc != 0) {
         LOG_E("binding failed: %d", rc);
+        return -1;
+    }
+    if (!restrict_socket_file(path, group)) {
+        unlink(path);
         return -1;
     }
     rc = listen(fd, 1);
@@ -373,7 +438,8 @@ int ipc_srv_start() {
         LOG_D("Remove socket: %s", path);
         unlink(path);
     }
-    unique_fd sock(open_listener(path, len));
+    const std::optional<gid_t> group = configured_group();
+    unique_fd sock(open_listener(path, len, group));
     if (!sock.valid()) return 0;
     unique_fd stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!stop.valid()) {
@@ -383,7 +449,7 @@ int ipc_srv_start() {
     }
     query_abort = false;
     try {
-        ipc_thread_handle = std::thread(ipc_thread, sock.get(), stop.get());
+        ipc_thread_handle = std::thread(ipc_thread, sock.get(), stop.get(), group);
     } catch (const std::system_error&) {
         LOG_E("ipc_thread create failed!!!");
         unlink(path);

@@ -8,6 +8,12 @@
 // Both records are raw structures in host byte order: both ends run on the
 // same machine.
 //
+// Only root, the service's own uid and, when the configuration names one,
+// the members of ipc_group are served: the socket file is 0600 (0660 and
+// that group's with ipc_group) from before it listens, and every
+// connection's peer credentials are checked; anyone else is logged at E and
+// closed without a reply.
+//
 // The reply record belongs to the command thread for its whole life. It is
 // zeroed once when the thread starts and never cleared between requests, so
 // a command that does not write it answers with what the previous command

@@ -114,7 +114,8 @@ TEST_F(Zorctl, MissingOrMuteServiceExitsThreeOrFour) {
     r = run_zorctl({"-s", dir_.file("mute.socket"), "cloud", "on"});
     server.join();
     EXPECT_EQ(r.status, 4);
-    EXPECT_EQ(r.err, "zorctl: the service closed the connection without a reply\n");
+    EXPECT_EQ(r.err, "zorctl: the service closed the connection without a reply (it refuses accounts other than "
+                     "root, its own and the members of its ipc_group)\n");
 }
 
 }  // namespace

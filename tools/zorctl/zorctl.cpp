@@ -197,7 +197,9 @@ std::string connect_error(const std::string& path, int err) {
         case ECONNREFUSED:
             return "connection refused at " + path +
                    " (the socket file is left over; zor_service is not running)";
-        case EACCES: return "permission denied on " + path;
+        case EACCES:
+            return "permission denied on " + path +
+                   ": the service serves only root, its own account and the members of its ipc_group";
         case EAGAIN:
         case ETIMEDOUT: return "the service did not accept the connection in time at " + path;
         default: return "cannot connect to " + path + ": " + strerror(err);
@@ -230,6 +232,10 @@ ssize_t recv_all(int fd, void* data, size_t n) {
     return static_cast<ssize_t>(got);
 }
 
+const char kClosedUnanswered[] =
+    "the service closed the connection without a reply (it refuses accounts other than root, its own "
+    "and the members of its ipc_group)";
+
 exchange_result exchange(const std::string& path, int timeout_s, const ipc_request& req) {
     sockaddr_un addr{};
     if (path.size() >= sizeof addr.sun_path)
@@ -244,14 +250,17 @@ exchange_result exchange(const std::string& path, int timeout_s, const ipc_reque
     memcpy(addr.sun_path, path.data(), path.size());
     if (connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
         return exchange_error(EXIT_UNREACHABLE, connect_error(path, errno));
-    if (!send_all(fd.get(), &req, sizeof req))
+    if (!send_all(fd.get(), &req, sizeof req)) {
+        // Closed at once: how the service turns away an account it does not serve.
+        if (errno == EPIPE || errno == ECONNRESET) return exchange_error(EXIT_NO_REPLY, kClosedUnanswered);
         return exchange_error(EXIT_NO_REPLY, std::string("cannot send the request: ") + strerror(errno));
+    }
     exchange_result r;
     ssize_t n = recv_all(fd.get(), &r.reply, sizeof r.reply);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
         return exchange_error(EXIT_NO_REPLY,
                               "no reply within " + std::to_string(timeout_s) + " s");
-    if (n <= 0) return exchange_error(EXIT_NO_REPLY, "the service closed the connection without a reply");
+    if (n <= 0) return exchange_error(EXIT_NO_REPLY, kClosedUnanswered);
     if (static_cast<size_t>(n) < sizeof r.reply)
         return exchange_error(EXIT_NO_REPLY, "short reply of " + std::to_string(n) + " bytes");
     r.reply.msg[sizeof r.reply.msg - 1] = '\0';
