@@ -64,7 +64,7 @@ grep -v '^#' examples/demo/categories.src | sed 's/^/   /'
 
 echo
 echo "== cloud simulator, answering from examples/demo/cloud-categories.txt"
-"$bin/tools/cloudsim/cloudsim" -c examples/demo/cloud-categories.txt -P "$work/cloud.port" \
+"$bin/tools/cloudsim/cloudsim" -c examples/demo/cloud-categories.txt -C "$work/cloud.pem" -P "$work/cloud.port" \
     -l "$work/cloud.log" > "$work/cloud.out" 2>&1 &
 cloud=$!
 wait_for 20 "the cloud simulator" test -s "$work/cloud.port"
@@ -82,6 +82,7 @@ product = demo-product
 root = $work/root
 writable_root = $work/run
 server = 127.0.0.1:$port
+ca_file = $work/cloud.pem
 xdb = $work/categories.xdb
 log_level = 6
 ctrl_shell = ${DEMO_CTRL_SHELL:-0}

@@ -51,7 +51,7 @@ world_cloud() {
         echo "$1" > "$work/cloud.script"
         script=(-s "$work/cloud.script")
     fi
-    "$build/tools/cloudsim/cloudsim" "${script[@]}" -P "$work/cloud.port" -l "$work/cloud.log" \
+    "$build/tools/cloudsim/cloudsim" "${script[@]}" -C "$work/cloud.pem" -P "$work/cloud.port" -l "$work/cloud.log" \
         > "$work/cloud.out" 2>&1 &
     cloud_pid=$!
     wait_until 100 test -s "$work/cloud.port" || fail "the cloud simulator did not start: $(cat "$work/cloud.out")"
@@ -73,6 +73,7 @@ product = world-product
 root = $work/opt
 writable_root = $work/run
 server = 127.0.0.1:$(cat "$work/cloud.port")
+ca_file = $work/cloud.pem
 log_level = ${3:-6}
 xdb = $work/categories.xdb
 ctrl_shell = ${ctrl_shell:-0}

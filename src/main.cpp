@@ -206,6 +206,8 @@ int main(int argc, char** argv) {
         LOG_E("Faild to initialize CURL!");
         service_shutdown(1);
     }
+    qmx_curl_set_tls(qmxsrv_ctx.tls_verify != 0, opt_str(qmxsrv_ctx.ca_file));
+    if (qmxsrv_ctx.tls_verify == 0) LOG_W("tls_verify = 0: the cloud's certificate is not checked");
     crypto_init();
     db_init();
     if (!zor_init(opt_str(qmxsrv_ctx.server), opt_str(qmxsrv_ctx.product), opt_str(qmxsrv_ctx.auth_id),

@@ -1,12 +1,16 @@
 #include "qmx_curl.h"
 
 #include <curl/curl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
+#include <mutex>
+#include <string>
 
 #include "log.h"
 
@@ -17,6 +21,11 @@ std::atomic<long> request_timeout_ms{10000};
 
 // Redirects are followed, but not for ever.
 constexpr long kMaxRedirects = 5;
+
+// How the cloud's certificate is checked; covered by tls_lock.
+std::mutex tls_lock;
+bool tls_verify = true;
+std::string tls_ca_file;  // empty: the system's trust store
 
 struct easy_deleter {
     void operator()(CURL* c) const { curl_easy_cleanup(c); }
@@ -85,6 +94,37 @@ int on_progress(void* clientp, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     return (*should_abort && (*should_abort)()) ? 1 : 0;
 }
 
+// Every socket of a transfer is close-on-exec from its creation, so no
+// command the service runs meanwhile inherits one.
+curl_socket_t open_socket(void*, curlsocktype, curl_sockaddr* a) {
+    return socket(a->family, a->socktype | SOCK_CLOEXEC, a->protocol);
+}
+
+// HTTPS only, for the request and every redirect; the peer's certificate and
+// name checked unless the configuration turned that off.
+void set_tls_options(CURL* h) {
+#if LIBCURL_VERSION_NUM >= 0x075500
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "https");
+    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS_STR, "https");
+#else
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS, static_cast<long>(CURLPROTO_HTTPS));
+    curl_easy_setopt(h, CURLOPT_REDIR_PROTOCOLS, static_cast<long>(CURLPROTO_HTTPS));
+#endif
+    std::lock_guard<std::mutex> g(tls_lock);
+    if (!tls_verify) {
+        // The name check stays at libcurl's default.
+        curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
+        return;
+    }
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!tls_ca_file.empty()) {
+        // The named bundle instead of the system's, not beside it.
+        curl_easy_setopt(h, CURLOPT_CAINFO, tls_ca_file.c_str());
+        curl_easy_setopt(h, CURLOPT_CAPATH, nullptr);
+    }
+}
+
 slist_ptr make_headers(std::initializer_list<const char*> lines) {
     curl_slist* list = nullptr;
     for (const char* line : lines) {
@@ -108,7 +148,8 @@ void set_common_options(CURL* h, const char* url, curl_slist* headers, recv_buff
     curl_easy_setopt(h, CURLOPT_MAXREDIRS, kMaxRedirects);
     curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, timeout_ms);
     curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, timeout_ms);
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(h, CURLOPT_OPENSOCKETFUNCTION, open_socket);
+    set_tls_options(h);
     curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, on_progress);
     curl_easy_setopt(h, CURLOPT_XFERINFODATA, const_cast<http_abort_fn*>(should_abort));
@@ -158,6 +199,16 @@ int qmx_curl_init() {
 void qmx_curl_release() {
     LOG_D("qmx_curl_release");
     curl_global_cleanup();
+}
+
+void qmx_curl_set_tls(bool verify, const char* ca_file) {
+    std::lock_guard<std::mutex> g(tls_lock);
+    tls_verify = verify;
+    tls_ca_file = ca_file ? ca_file : "";
+}
+
+bool qmx_curl_https_url(const char* url) {
+    return url && strncasecmp(url, "https://", 8) == 0;
 }
 
 void qmx_curl_set_timeouts(std::chrono::milliseconds form, std::chrono::milliseconds request) {

@@ -7,8 +7,10 @@
 // qmx_curl_init() runs once at start-up before any request; qmx_curl_release()
 // last in shutdown, when no request is in flight.
 //
-// Peer certificates are not verified on either path (the cloud's servers are
-// reached by address and present certificates the router cannot check).
+// Only HTTPS is spoken, for requests and redirects alike. The cloud's
+// certificate and host name are checked against the system's trust store,
+// or against the bundle qmx_curl_set_tls names; checking can be turned off
+// for a cloud without a usable certificate. Every socket is close-on-exec.
 //
 // Every request takes an optional abort predicate, polled from libcurl's
 // progress callback (several times a second while a transfer waits), so a
@@ -68,6 +70,14 @@ void qmx_curl_release();
 // header line. Results as curl_post_form.
 [[nodiscard]] int curl_request(const char* url, const char* authorization, const char* body,
                                http_response_ptr& response, const http_abort_fn& should_abort = {});
+
+// How later requests check the peer: `verify` false skips the certificate
+// check (the name check stays at libcurl's default); `ca_file` (null or ""
+// for the system's trust store) names a PEM bundle trusted instead. Called
+// at start-up from the configuration; tests call it too.
+void qmx_curl_set_tls(bool verify, const char* ca_file);
+// True when `url` is an https:// URL, the only kind the transport fetches.
+bool qmx_curl_https_url(const char* url);
 
 // Connect and total time-outs of the two paths: 5 s for the form POST and
 // 10 s for the text requests in the product. Tests shorten them. Take effect

@@ -28,7 +28,11 @@ constexpr const char* kPingPath = "/talvo-zor/api/v1/srv/ping";
 constexpr const char* kQueryPath = "/talvo-zor/api/v1/srv/q";
 constexpr int kAttempts = 3;             // tries of one request while it times out
 constexpr int kTokenRefused = 101;       // error code of a token the server no longer accepts
-constexpr size_t kMaxServers = 64;       // a longer server list is cut here
+// Entries of a login reply's server list that are looked at; the rest are
+// ignored. A ping or query round tries each kept server at most three times
+// over, so this bounds how long a hostile list holds the maintainer or the
+// query sender (8 x 3 x the request time-out).
+constexpr size_t kMaxServers = 8;
 constexpr int64_t kMaxTtl = 0x7fffffff;  // token lifetimes are clamped to this
 
 std::atomic<int64_t> retry_ms{30000};
@@ -496,13 +500,21 @@ std::optional<zor_login_reply> zor_parse_login(const char* body) {
     r.ttl = static_cast<long>(ttl_value < static_cast<double>(kMaxTtl) ? ttl_value : kMaxTtl);
     r.key = key->valuestring;
     const cJSON* item = nullptr;
+    size_t looked_at = 0;
+    bool usable = false;
     cJSON_ArrayForEach(item, servers) {
-        if (r.servers.size() == kMaxServers) break;
-        if (cJSON_IsString(item))
-            r.servers.emplace_back(item->valuestring);
-        else
+        if (looked_at++ == kMaxServers) break;
+        if (!cJSON_IsString(item)) {
             r.servers.emplace_back(std::nullopt);
+        } else if (!qmx_curl_https_url(item->valuestring)) {
+            // file://, gopher://, plain http:// ...: never fetched.
+            LOG_E("Auth: server %s skipped: not an https URL", item->valuestring);
+        } else {
+            r.servers.emplace_back(item->valuestring);
+            usable = true;
+        }
     }
+    if (!usable) return std::nullopt;
     return r;
 }
 

@@ -57,12 +57,13 @@ struct zor_login_reply {
     std::string token;
     long ttl = 0;     // seconds: token_ttl cut to a whole number, at most 0x7fffffff
     std::string key;  // pass phrase of the payload cipher
-    std::vector<std::optional<std::string>> servers;  // 1..64 base URLs; non-strings stay empty
+    std::vector<std::optional<std::string>> servers;  // 1..8 https base URLs; non-strings stay empty
 };
 // Reads a 200 login reply: nullopt unless the body is a JSON object with a
 // string "token" free of control bytes, a string "key", a numeric
-// "token_ttl" of at least 1 and a non-empty "servers" array (entries past the
-// 64th are dropped).
+// "token_ttl" of at least 1 and a "servers" array whose first 8 entries hold
+// at least one https:// URL (later entries are ignored; a string of another
+// scheme is skipped with a line at level E).
 std::optional<zor_login_reply> zor_parse_login(const char* body);
 
 // Enciphers and posts a plain JSON query to the session's servers in turn

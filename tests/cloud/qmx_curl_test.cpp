@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "sim_crypto.h"
+#include "test_util.h"
 #include "tls_server.h"
 
 namespace {
@@ -37,6 +38,8 @@ protected:
         cloudsim::pkey_ptr key;
         cloudsim::x509_ptr cert;
         ASSERT_TRUE(cloudsim::make_certificate(&key, &cert));
+        ASSERT_TRUE(zor_test::write_file(ca_file_, cloudsim::certificate_to_pem(cert.get())));
+        qmx_curl_set_tls(true, ca_file_.c_str());
         svr_ = cloudsim::make_tls_server(cert.get(), key.get());
         svr_->new_task_queue = [] { return new httplib::ThreadPool(4); };
         auto echo = [this](const httplib::Request& req, httplib::Response& res) {
@@ -56,6 +59,8 @@ protected:
         svr_->Get("/big", [](const httplib::Request& req, httplib::Response& res) {
             res.set_content(big_body(std::stoul(req.get_param_value("n"))), "text/plain");
         });
+        auto to = [](const httplib::Request& req, httplib::Response& res) { res.set_redirect(req.get_param_value("u")); };
+        svr_->Get("/to", to).Post("/to", to);
         svr_->Post("/slow", [this](const httplib::Request&, httplib::Response& res) {
             auto end = clock_type::now() + 8s;
             while (!stopping_ && clock_type::now() < end) std::this_thread::sleep_for(5ms);
@@ -69,6 +74,7 @@ protected:
     void TearDown() override {
         stopping_ = true;
         if (thread_.joinable()) svr_->stop(), thread_.join();
+        qmx_curl_set_tls(true, nullptr);
     }
 
     std::string url(const std::string& path) const { return "https://127.0.0.1:" + std::to_string(port_) + path; }
@@ -78,6 +84,8 @@ protected:
         return seen_;
     }
 
+    zor_test::temp_dir dir_;
+    const std::string ca_file_ = dir_.file("server.pem");
     std::unique_ptr<httplib::SSLServer> svr_;
     std::thread thread_;
     int port_ = 0;
@@ -155,6 +163,48 @@ TEST_F(Transport, AbortPredicateEndsAWaitingTransferPromptly) {
     EXPECT_LT(clock_type::now() - t0, 1500ms);
     stopper.join();
     EXPECT_FALSE(r);
+}
+
+// The peer is checked against the named bundle (or the system's store, which
+// does not know this server, nor a forged one with a certificate of its
+// own), unless checking is off; nothing but https is fetched, and no
+// redirect leaves https.
+TEST_F(Transport, OnlyVerifiedHttpsIsFetched) {
+    cloudsim::pkey_ptr other_key;
+    cloudsim::x509_ptr other;
+    ASSERT_TRUE(cloudsim::make_certificate(&other_key, &other));
+    const std::string forged = dir_.file("other.pem");
+    ASSERT_TRUE(zor_test::write_file(forged, cloudsim::certificate_to_pem(other.get())));
+    ASSERT_TRUE(zor_test::write_file(dir_.file("secret"), "secret\n"));
+    const struct {
+        const char* what;
+        bool verify;
+        std::string ca, url;
+        int rc;
+    } cases[] = {
+        {"trusted bundle", true, ca_file_, url("/echo"), 0},
+        {"system store", true, "", url("/echo"), CURLE_PEER_FAILED_VERIFICATION},
+        {"bundle of another certificate", true, forged, url("/echo"), CURLE_PEER_FAILED_VERIFICATION},
+        {"checking off", false, forged, url("/echo"), 0},
+        {"redirect within https", true, ca_file_, url("/to?u=" + url("/echo")), 0},
+        {"redirect to file", true, ca_file_, url("/to?u=file://" + dir_.file("secret")), CURLE_UNSUPPORTED_PROTOCOL},
+        {"redirect to http", true, ca_file_, url("/to?u=http://127.0.0.1:" + std::to_string(port_) + "/echo"),
+         CURLE_UNSUPPORTED_PROTOCOL},
+        {"file URL", false, "", "file://" + dir_.file("secret"), CURLE_UNSUPPORTED_PROTOCOL},
+        {"gopher URL", false, "", "gopher://127.0.0.1:" + std::to_string(port_) + "/_x", CURLE_UNSUPPORTED_PROTOCOL},
+        {"http URL", false, "", "http://127.0.0.1:" + std::to_string(port_) + "/echo", CURLE_UNSUPPORTED_PROTOCOL},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        qmx_curl_set_tls(c.verify, c.ca.c_str());
+        http_response_ptr r;
+        EXPECT_EQ(curl_request(c.url.c_str(), nullptr, nullptr, r), c.rc);
+        if (r) {
+            EXPECT_EQ(std::string(r->body, r->size).find("secret"), std::string::npos);
+        }
+        const http_form_field form[] = {{"id", "x"}};
+        EXPECT_EQ(curl_post_form(c.url.c_str(), form, r), c.rc);
+    }
 }
 
 }  // namespace

@@ -72,13 +72,21 @@ std::string login_kept(const std::string& body) {
     return s;
 }
 
-TEST(LoginReply, KeepsTokenKeyClampedLifetimeAndAtMost64ServersOrRefuses) {
-    std::string many = R"({"token":"t","token_ttl":1e30,"key":"k","servers":["s0")", kept = "t 2147483647 k s0";
-    for (int i = 1; i < 70; ++i) many += ",\"s" + std::to_string(i) + "\"", kept += i < 64 ? " s" + std::to_string(i) : "";
+// Only https servers are kept, from the first 8 entries: a forged reply can
+// neither point the transport at another protocol nor hold the threads with
+// a long list.
+TEST(LoginReply, KeepsTokenKeyClampedLifetimeAndAtMost8HttpsServersOrRefuses) {
+    std::string many = R"({"token":"t","token_ttl":1e30,"key":"k","servers":["https://s0")", kept = "t 2147483647 k https://s0";
+    for (int i = 1; i < 70; ++i)
+        many += ",\"https://s" + std::to_string(i) + "\"", kept += i < 8 ? " https://s" + std::to_string(i) : "";
     const std::pair<std::string, std::string> cases[] = {
-        {R"({"token":"abc","token_ttl":3600.9,"key":"k","servers":["https://a",7,"https://b"]})",
-         "abc 3600 k https://a - https://b"},
+        {R"({"token":"abc","token_ttl":3600.9,"key":"k","servers":["https://a",7,"HTTPS://b"]})",
+         "abc 3600 k https://a - HTTPS://b"},
         {many + "]}", kept},
+        {R"({"token":"t","token_ttl":60,"key":"k","servers":["file:///etc/shadow#","https://a",)"
+         R"("gopher://127.0.0.1:25/_x","http://b","dict://c","ftp://d","https:/e","httpsx://f"]})", "t 60 k https://a"},
+        {R"({"token":"t","token_ttl":60,"key":"k","servers":["file:///etc/shadow#","gopher://127.0.0.1:1/_x",7]})", "refused"},
+        {R"({"token":"t","token_ttl":60,"key":"k","servers":["x","x","x","x","x","x","x","x","https://ninth"]})", "refused"},
         {R"({"token_ttl":60,"key":"k","servers":["https://a"]})", "refused"},
         {R"({"token":"t","token_ttl":0.5,"key":"k","servers":["https://a"]})", "refused"},
         {R"({"token":"t","token_ttl":60,"key":"k","servers":[]})", "refused"},
@@ -104,11 +112,14 @@ protected:
         zor_set_retry_interval(kRetry);
         std::string error;
         ASSERT_TRUE(sim.start(&error)) << error;
+        ASSERT_TRUE(sim.save_certificate(ca_.file("cloud.pem")));
+        qmx_curl_set_tls(true, ca_.file("cloud.pem").c_str());
         script("");
     }
     void TearDown() override {
         zor_release();
         sim.stop();
+        qmx_curl_set_tls(true, nullptr);
         qmxsrv_ctx.auth_invalid = 0;
     }
 
@@ -128,6 +139,7 @@ protected:
         return out;
     }
 
+    zor_test::temp_dir ca_;
     cloudsim::simulator sim;
 };
 

@@ -35,6 +35,7 @@ protected:
         }
         std::string error;
         ASSERT_TRUE(sim.start(&error)) << error;
+        ASSERT_TRUE(sim.save_certificate(dir.file("cloud.pem")));
     }
     void TearDown() override {
         if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
@@ -45,7 +46,7 @@ protected:
         std::string ini = dir.file("zor.ini"), log_dir = dir.file("log");
         zor_test::write_file(ini, "[zor]\nauth_id = e2e-id\nauth_pwd = e2e-pw\nhost = e2e-host\nproduct = e2e-product\n"
                                   "root = " + dir.file("opt") + "\nwritable_root = " + dir.file("run") +
-                                      "\nserver = " + sim.address() + "\nlog_level = 6\n");
+                                      "\nserver = " + sim.address() + "\nca_file = " + dir.file("cloud.pem") + "\nlog_level = 6\n");
         std::vector<std::string> words = zor_test::program_argv(ZOR_BINARY_DIR "/zor_service");
         words.insert(words.end(), {"-i", ini, "-l", log_dir});
         std::vector<char*> argv;

@@ -1,6 +1,7 @@
 #include "sim_world.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/netlink.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -91,6 +93,7 @@ sim_world::sim_world() {
 
 sim_world::~sim_world() {
     stop();
+    if (squatter_ >= 0) close(squatter_);
     std::error_code ec;
     if (dir_.empty()) return;
     if (std::getenv("ZOR_E2E_KEEP")) fprintf(stderr, "sim_world: kept %s\n", dir_.c_str());
@@ -112,7 +115,8 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     ini << "[zor]\nauth_id = e2e-account\nauth_pwd = e2e-password\nhost = e2e-host\nproduct = e2e-product\n"
         << "root = " << root() << "\nwritable_root = " << dir_ << "/run\nserver = " << cfg.server
         << "\nlog_level = 6\n" << (xdb.empty() ? "" : "xdb = " + xdb + "\n")
-        << (cfg.ctrl_shell ? "ctrl_shell = 1\n" : "");
+        << (cfg.ctrl_shell ? "ctrl_shell = 1\n" : "")
+        << (cfg.ca_file.empty() ? "" : "ca_file = " + cfg.ca_file + "\n") << cfg.extra_ini;
     ini.close();
     std::vector<std::string> args = {"/bin/bash", ZOR_E2E_WORLD_SCRIPT};
     for (const std::string& m : cfg.preloaded) args.insert(args.end(), {"-m", m});
@@ -120,12 +124,28 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
                              "-i", dir_ + "/zor.ini", "-l", dir_ + "/log"});
     args.insert(args.end(), cfg.service_args.begin(), cfg.service_args.end());
     if ((pid_ = spawn(args, dir_ + "/service.out")) < 0) return err = "cannot spawn world.sh", false;
+    port_ = static_cast<uint32_t>(pid_);
+    if (cfg.squat) {
+        // Before the service opens its channel: world.sh has a namespace to
+        // build first.
+        squatter_ = socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_GENERIC);
+        sockaddr_nl a{AF_NETLINK, 0, port_, 0};
+        if (squatter_ < 0 || bind(squatter_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
+            return err = std::string("cannot squat the port: ") + strerror(errno), false;
+    }
     // The service loads the module last: once zor is loaded, everything is up.
     bool up = zor_test::eventually([&] {
         auto m = lines_of("modules");
         return std::any_of(m.begin(), m.end(), [](auto& l) { return l.rfind("zor ", 0) == 0; }) ||
                wait_exit(0ms).has_value();
     }, slow);
+    if (up && cfg.squat) {
+        static const std::regex bound("netlink port ([0-9]+) bound instead of ([0-9]+)");
+        std::smatch m;
+        const std::string log = service_log();
+        if (std::regex_search(log, m, bound) && m[2].str() == std::to_string(pid_))
+            port_ = static_cast<uint32_t>(std::stoul(m[1].str()));
+    }
     if (status_ && !cfg.may_exit)
         err = "the service ended at start with status " + std::to_string(*status_) + "; its output: " +
               service_output();
@@ -133,7 +153,7 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
         err = "the service did not load its module; its output: " + service_output();
     else if (cfg.session && kernsim({"announce"}) != 0)
         err = "kernsim announce failed: " + zor_test::read_file(dir_ + "/kernsim.out");
-    else if (cfg.session && !wait_ctrl("env server_port " + std::to_string(pid_), slow))
+    else if (cfg.session && !wait_ctrl(port_line(), slow))
         err = "the service never told the kernel its port";
     // Keys sent before the login is held would be dropped with their batch.
     else if (cfg.session && !zor_test::eventually([&] { return logged_in(); }, slow))
@@ -141,6 +161,15 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     else
         return true;
     return false;
+}
+
+std::string sim_world::port_line() const {
+    return "env server_port " + std::to_string(static_cast<int32_t>(port_));
+}
+
+bool sim_world::squatter_received() const {
+    char b[64];
+    return squatter_ >= 0 && recv(squatter_, b, sizeof b, MSG_DONTWAIT) >= 0;
 }
 
 std::vector<std::string> sim_world::lines_of(const std::string& name) const {
@@ -178,7 +207,7 @@ bool sim_world::wait_ctrl(const std::string& line, std::chrono::milliseconds tim
 }
 
 int sim_world::kernsim(const std::vector<std::string>& args) const {
-    std::vector<std::string> argv = {ZOR_E2E_KERNSIM, "-p", std::to_string(pid_), "-w", "5"};
+    std::vector<std::string> argv = {ZOR_E2E_KERNSIM, "-p", std::to_string(port_), "-w", "5"};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, dir_ + "/kernsim.out");
 }
@@ -187,6 +216,30 @@ int sim_world::zorctl(const std::vector<std::string>& args) const {
     std::vector<std::string> argv = {ZOR_E2E_ZORCTL, "-i", dir_ + "/zor.ini", "-t", "10"};
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv, dir_ + "/zorctl.out");
+}
+
+int sim_world::zorctl_as(uid_t uid, const std::vector<std::string>& args) const {
+    std::vector<std::string> words = {ZOR_E2E_ZORCTL, "-s", dir_ + "/run/.ipc.socket", "-t", "10"};
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (const std::string& a : words) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    const int out = open((dir_ + "/zorctl.out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        // System calls only: the test process runs threads.
+        if (dup2(out, STDOUT_FILENO) < 0 || dup2(out, STDERR_FILENO) < 0 || setgroups(0, nullptr) != 0 ||
+            setgid(uid) != 0 || setuid(uid) != 0)
+            _exit(126);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    close(out);
+    int status = 0;
+    while (pid > 0 && waitpid(pid, &status, 0) < 0)
+        if (errno != EINTR) return -1;
+    return pid > 0 ? decode(status) : -1;
 }
 
 bool sim_world::logged_in() const {
@@ -248,6 +301,10 @@ void world_test::SetUp() {
 
 testing::AssertionResult world_test::start(sim_world& world, world_config cfg, std::chrono::milliseconds slow) {
     cfg.server = cloud.address();
+    if (cfg.ca_file.empty() && !cfg.system_trust) {
+        cfg.ca_file = world.dir() + "/cloud.pem";
+        if (!cloud.save_certificate(cfg.ca_file)) return testing::AssertionFailure() << "cannot write " << cfg.ca_file;
+    }
     std::string err;
     if (world.start(cfg, err, slow)) return testing::AssertionSuccess();
     return testing::AssertionFailure() << err;

@@ -29,10 +29,14 @@ struct world_config {
     std::string categories;                 // category file source, compiled into DIR/categories.xdb
     std::string xdb;                        // else a category file as it is, or empty
     std::string server = "127.0.0.1:1";     // the cloud's address
+    std::string ca_file;                    // the certificate the service trusts (empty: the cloud simulator's)
+    bool system_trust = false;              // no ca_file line: the system's trust store
+    std::string extra_ini;                  // further lines of section zor
     std::string service;                    // the program world.sh execs; empty: service_binary()
     bool may_exit = false;                  // ending right after loading the module is no failure
     bool session = false;                   // also announce and wait until logged in to the cloud
     bool ctrl_shell = false;                // kernel commands as shell lines (ctrl_shell = 1)
+    bool squat = false;                     // a socket of the test holds the service's pid as netlink port
 };
 
 // The service under test: ZOR_E2E_SERVICE from the environment, or this build's.
@@ -56,6 +60,13 @@ public:
                std::chrono::milliseconds slow = std::chrono::seconds(20));
 
     pid_t pid() const { return pid_; }
+    // The service's netlink port: its pid, or with `squat` the port it
+    // bound instead (read from its log).
+    uint32_t port() const { return port_; }
+    // The port line the kernel gets: "env server_port N", N as a 32-bit signed number.
+    std::string port_line() const;
+    // With `squat`: whether anything arrived at the squatting socket.
+    bool squatter_received() const;
     const std::string& dir() const { return dir_; }
     std::string root() const { return dir_ + "/root"; }
 
@@ -78,6 +89,10 @@ public:
     int kernsim(const std::vector<std::string>& args) const;
     int zorctl(const std::vector<std::string>& args) const;
     bool logged_in() const;  // as `zorctl --json status` says
+    // zorctl on the service's socket as account `uid` (group the same, no
+    // others); output to zorctl.out, which the account can write. The exit
+    // status, or -1 when it could not run.
+    int zorctl_as(uid_t uid, const std::vector<std::string>& args) const;
     // Writes `bytes` to the command socket (`chunk` bytes at a time with a
     // pause between when chunk > 0), half-closes when asked, and reads what
     // comes back until the service closes or sends nothing for `wait`.
@@ -94,6 +109,8 @@ public:
 private:
     std::string dir_;
     pid_t pid_ = -1;
+    uint32_t port_ = 0;
+    int squatter_ = -1;  // the socket holding the pid as port, with `squat`
     std::optional<int> status_;
 };
 
@@ -105,7 +122,7 @@ std::string ipc_request_bytes(int32_t cmd, int32_t type, const std::string& text
 class world_test : public ::testing::Test {
 protected:
     void SetUp() override;
-    // Starts `world` against the cloud simulator.
+    // Starts `world` against the cloud simulator, trusting its certificate.
     testing::AssertionResult start(sim_world& world, world_config cfg,
                                    std::chrono::milliseconds slow = std::chrono::seconds(20));
 

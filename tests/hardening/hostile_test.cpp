@@ -104,7 +104,7 @@ protected:
         static const std::regex u2k("db key2group u2k (?:20|21|22) (.*)"), add("pc rule add [12] (.*) [0-9]{1,10} [0-9]{1,10}"),
             update("db key2group update [12] (?:20|21|22) (.*) -?[0-9]{1,10} [0-9]{1,10} [0-9]{1,10}");
         if (text.size() >= ZOR_CTRL_WRITE_MAX) return "longer than a command";
-        if (text == "env server_port " + std::to_string(w.pid()) || text == "pc rule clean") return "";
+        if (text == w.port_line() || text == "pc rule clean") return "";
         std::smatch m;
         if (std::regex_match(text, m, u2k) || std::regex_match(text, m, update))
             return keys.count(m[1]) ? "" : "a key never sent: " + m[1].str();

@@ -43,6 +43,8 @@ protected:
         std::string error;
         ASSERT_TRUE(sim_.start(&error)) << error;
         ASSERT_TRUE(sim_.apply("category www.example.com 3 4 24", &error)) << error;
+        ASSERT_TRUE(sim_.save_certificate(dir_.file("cloud.pem")));
+        qmx_curl_set_tls(true, dir_.file("cloud.pem").c_str());
         ASSERT_EQ(zor_init(sim_.address().c_str(), "prod-7", "acct-1", "secret", "gw.lan"), 1);
         ASSERT_TRUE(eventually(zor_ready));
     }
@@ -50,6 +52,7 @@ protected:
         ipc_server_fixture::TearDown();
         zor_release();
         sim_.stop();
+        qmx_curl_set_tls(true, nullptr);
     }
 
     cloudsim::simulator sim_;

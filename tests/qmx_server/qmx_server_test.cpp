@@ -82,6 +82,8 @@ protected:
         qmx_curl_set_timeouts(5000ms, 5000ms);
         std::string error;
         ASSERT_TRUE(sim.start(&error) && sim.apply("category example.com 3 4 24", &error)) << error;
+        ASSERT_TRUE(sim.save_certificate(files.file("cloud.pem")));
+        qmx_curl_set_tls(true, files.file("cloud.pem").c_str());
         ASSERT_EQ(zor_init(sim.address().c_str(), "prod-1", "acct-1", "secret", "gw.lan"), 1);
         ASSERT_TRUE(zor_test::eventually(zor_ready));
     }
@@ -92,6 +94,7 @@ protected:
         qmx_srv_set_trigger_interval(10s);
         zor_release();
         sim.stop();
+        qmx_curl_set_tls(true, nullptr);
         qmxsrv_ctx.cloud_enabled = 0;
     }
     // Each query the simulator received, in arrival order.

@@ -746,6 +746,13 @@ std::string simulator::certificate_pem() const {
     return p_->cert_pem;
 }
 
+bool simulator::save_certificate(const std::string& path) const {
+    const std::string pem = certificate_pem();
+    std::ofstream out(path, std::ios::trunc);
+    out << pem;
+    return !pem.empty() && static_cast<bool>(out.flush());
+}
+
 bool simulator::apply(const std::string& script, std::string* error) {
     return p_->owner_apply(script, error);
 }

@@ -58,6 +58,9 @@ public:
     std::string node_url(int n) const;
     // The certificate in PEM form (empty before start).
     std::string certificate_pem() const;
+    // Writes it to `path`, for a client to name as the one certificate it
+    // trusts (the service's ca_file). False when it cannot.
+    bool save_certificate(const std::string& path) const;
 
     // Runs script lines (see docs/cloudsim.md). Lines before a bad one take
     // effect; false with *error naming the bad line.
