@@ -211,6 +211,30 @@ void handle_event(nlu_ctx* ctx, uint16_t type, uint8_t cmd, const uint8_t* buf, 
     ctx->on_event(reinterpret_cast<const nl_event*>(record));
 }
 
+// Binds `port`; when another socket holds it (any local account can bind a
+// predictable process id first), binds a port the kernel picks instead. The
+// port actually bound goes to *bound: it is the one the module is told, so
+// reports reach this socket and never a squatter's. False when neither bind
+// works.
+bool bind_port(int fd, uint32_t port, uint32_t* bound) {
+    sockaddr_nl self = netlink_addr(port);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&self), sizeof self) == 0) {
+        *bound = port;
+        return true;
+    }
+    LOG_E("bind netlink port %u: %s; binding a free one", port, errno_text(errno).c_str());
+    self = netlink_addr(0);
+    socklen_t len = sizeof self;
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&self), sizeof self) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&self), &len) != 0 || self.nl_pid == 0) {
+        LOG_E("bind netlink port: %s", errno_text(errno).c_str());
+        return false;
+    }
+    *bound = self.nl_pid;
+    LOG_E("netlink port %u bound instead of %u", *bound, port);
+    return true;
+}
+
 nlu_ctx* start_threads(nlu_ctx* ctx) {
     try {
         ctx->recv_thread = std::thread(recv_main, ctx);
@@ -273,11 +297,9 @@ nlu_ctx* nlu_open(uint32_t port, nlu_event_fn on_event) {
         return nullptr;
     }
     ctx->fd.reset(fd);
-    sockaddr_nl self = netlink_addr(port);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&self), sizeof self) != 0) {
-        // Not fatal: the socket still receives on an automatic port, but the
-        // kernel module is told `port` and will not reach it.
-        LOG_E("bind netlink port %u: %s", port, errno_text(errno).c_str());
+    if (!bind_port(fd, port, &ctx->pid)) {
+        nlu_close(ctx);
+        return nullptr;
     }
     // Forced where the service may (it runs as root), else as large as the
     // system allows.

@@ -1,5 +1,7 @@
 // Generic netlink channel to the kernel module's "zor_notify" family. The
-// socket is bound with the service's process id as its port id. A resolver
+// socket is bound with the service's process id as its port id; when that
+// port is taken, with one the kernel picks, and the port actually bound is
+// the one announced to the module. A resolver
 // thread asks the netlink controller for the family id every second until it
 // is known and every 5 s afterwards; each controller reply stores the id and
 // tells the module our port ("env server_port <port>"). A receive thread
@@ -47,8 +49,9 @@ inline constexpr size_t NLU_RECV_SIZE = 1044;
 // Largest payload nlu_send accepts.
 inline constexpr size_t NLU_MAX_SEND = 1012;
 
-// Creates the socket, binds it to `port`, starts the receive and resolver
-// threads. Null when the socket cannot be created.
+// Creates the socket, binds it to `port` (or, when that is taken, to a free
+// port: nlu_port tells which), starts the receive and resolver threads. Null
+// when the socket cannot be created or bound.
 [[nodiscard]] nlu_ctx* nlu_open(uint32_t port, nlu_event_fn on_event);
 // Stops and joins both threads, closes the socket, frees the channel.
 // Null-safe.
@@ -61,7 +64,7 @@ int nlu_send(nlu_ctx* ctx, uint32_t port, const void* data, uint32_t len);
 
 // The family id, 0 while unknown.
 uint32_t nlu_family_id(const nlu_ctx* ctx);
-// The channel's own port id.
+// The channel's own port id: the one bound.
 uint32_t nlu_port(const nlu_ctx* ctx);
 
 // The family request datagram, byte for byte.

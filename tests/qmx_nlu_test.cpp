@@ -155,4 +155,32 @@ TEST_F(NluSocket, EventsSendsAndPromptClose) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
+// Another socket holding the process id as its port (any account can bind
+// it first) gets nothing: the channel binds a free port, announces that one
+// and receives the events sent to it.
+TEST(NluSquatted, ATakenPortIsReplacedAndTheBoundOneAnnounced) {
+    take_seen();
+    socket_peer kernel;
+    ASSERT_TRUE(kernel.ok());
+    const uint32_t wanted = kernel.port();  // held by the squatter: `kernel` itself
+    cmd_recorder rec;
+    channel ch{nlu_open(wanted, record_event), nlu_close};
+    ASSERT_NE(ch, nullptr);
+    const uint32_t bound = nlu_port(ch.get());
+    EXPECT_NE(bound, wanted);
+    EXPECT_NE(bound, 0u);
+    const int err = kernel.send_to(bound, announce("zor_notify", 41));
+    if (err == EPERM || err == EACCES) GTEST_SKIP() << "unicast between netlink sockets needs CAP_NET_ADMIN";
+    ASSERT_EQ(err, 0) << strerror(err);
+    // The kernel picks ports from the top of the 32-bit range: announced as
+    // the 32-bit signed number the command carries.
+    EXPECT_TRUE(rec.wait_for("env server_port " + std::to_string(static_cast<int32_t>(bound)) + "\"", 1))
+        << (rec.lines().empty() ? "" : rec.lines().back());
+    EXPECT_EQ(rec.count_with("env server_port " + std::to_string(static_cast<int32_t>(wanted)) + "\""), 0u);
+    ASSERT_EQ(kernel.send_to(bound, domain_event(41, "to.the.service")), 0);
+    std::vector<std::string> got;
+    ASSERT_TRUE(zor_test::eventually([&] { return !(got = take_seen()).empty(); }));
+    EXPECT_EQ(got, std::vector<std::string>{"0 20 256 to.the.service"});
+}
+
 }  // namespace
