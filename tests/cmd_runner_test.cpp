@@ -1,5 +1,6 @@
 #include "util/cmd_runner.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,6 +37,21 @@ TEST_F(CmdRunnerTest, RunGivesTheWaitStatusAndCaptureTheWholeOutput) {
     }
     EXPECT_EQ(cmd_capture("echo hello; echo err >&2; printf 'no newline'"), std::optional<std::string>("hello\nno newline"));
     EXPECT_EQ(cmd_capture("head -c 200000 /dev/zero | tr '\\000' a"), std::optional<std::string>(std::string(200000, 'a')));
+}
+
+// A descriptor some library opened without close-on-exec still never
+// reaches a command, on either path.
+TEST_F(CmdRunnerTest, CommandsInheritNoDescriptorBeyondTheStandardThree) {
+    const int plain = open("/dev/null", O_RDONLY);  // no O_CLOEXEC, as a library might
+    ASSERT_GE(plain, 0);
+    const int high = fcntl(plain, F_DUPFD, 100);
+    close(plain);
+    ASSERT_GE(high, 100);
+    const std::string absent = "[ ! -e /proc/$$/fd/" + std::to_string(high) + " ]";
+    const int status = cmd_run_shell(absent);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "fd " << high << " was inherited";
+    EXPECT_EQ(cmd_capture_shell(absent + " && echo none"), std::optional<std::string>("none\n"));
+    close(high);
 }
 
 TEST_F(CmdRunnerTest, ConcurrentCapturesKeepTheirOwnOutput) {

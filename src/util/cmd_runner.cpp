@@ -1,10 +1,12 @@
 #include "util/cmd_runner.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fcntl.h>
+#include <cstdlib>
 
 #include <cerrno>
 #include <mutex>
@@ -50,7 +52,33 @@ int wait_child(pid_t pid) {
     return status;
 }
 
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
+#define ZOR_HAVE_SPAWN_CLOSEFROM 1
+#endif
+
+#ifndef ZOR_HAVE_SPAWN_CLOSEFROM
+// Marks every descriptor above standard error close-on-exec. The service
+// opens all of its own so; this catches those a library opened without the
+// flag (a resolver's socket pair). One opened between this scan and the
+// spawn can still slip through: the C library's close-from action, where it
+// exists, leaves no such gap.
+void mark_all_cloexec() {
+    DIR* d = opendir("/proc/self/fd");
+    if (!d) return;
+    while (dirent* e = readdir(d)) {
+        char* end = nullptr;
+        long fd = strtol(e->d_name, &end, 10);
+        if (*end != '\0' || end == e->d_name || fd <= STDERR_FILENO || fd == dirfd(d)) continue;
+        int flags = fcntl(static_cast<int>(fd), F_GETFD);
+        if (flags >= 0 && !(flags & FD_CLOEXEC)) fcntl(static_cast<int>(fd), F_SETFD, flags | FD_CLOEXEC);
+    }
+    closedir(d);
+}
+#endif
+
 // Spawns /bin/sh -c LINE; with out_fd >= 0 its standard output goes there.
+// The shell gets standard input, output and error only: no other descriptor
+// of the service, whoever opened it.
 int spawn_shell(const std::string& line, int out_fd, int close_fd, pid_t* pid) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -59,6 +87,11 @@ int spawn_shell(const std::string& line, int out_fd, int close_fd, pid_t* pid) {
         posix_spawn_file_actions_addclose(&actions, out_fd);
         if (close_fd >= 0) posix_spawn_file_actions_addclose(&actions, close_fd);
     }
+#ifdef ZOR_HAVE_SPAWN_CLOSEFROM
+    posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
+#else
+    mark_all_cloexec();
+#endif
     // The child starts with default handlers and an empty mask, as a shell
     // started by system() would.
     posix_spawnattr_t attr;

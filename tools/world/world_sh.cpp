@@ -10,15 +10,20 @@
 //    line the kernel module would have received, in order, whether the
 //    service wrote it directly or through a shell (whose ">" would otherwise
 //    replace what the file held);
+//  - every descriptor above standard error that the shell was started with
+//    (the service's commands should inherit none) is appended to
+//    /proc/world/inherited.log as "fd N -> TARGET: LINE";
 //  - everything else runs in the real shell, bound at /proc/world/real-sh.
 //
 // Records escape bytes below 0x20 and 0x7F as \xHH, so one record is one line.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -83,6 +88,26 @@ std::string read_all(const char* path) {
     return out;
 }
 
+// Records the descriptors above 2 this process was started with; called
+// before it opens any of its own.
+void record_inherited(const std::string& line) {
+    DIR* d = opendir("/proc/self/fd");
+    if (!d) return;
+    std::string found;
+    while (dirent* e = readdir(d)) {
+        char* end = nullptr;
+        long fd = std::strtol(e->d_name, &end, 10);
+        if (*end != '\0' || end == e->d_name || fd <= 2 || fd == dirfd(d)) continue;
+        char target[256] = {};
+        ssize_t n = readlink(("/proc/self/fd/" + std::string(e->d_name)).c_str(), target, sizeof target - 1);
+        found += "fd " + std::to_string(fd) + " -> " + std::string(target, n > 0 ? static_cast<size_t>(n) : 0) + ": " +
+                 line + "\n";
+    }
+    closedir(d);
+    for (size_t at = 0, end; (end = found.find('\n', at)) != std::string::npos; at = end + 1)
+        append_record(INHERITED_LOG, std::string_view(found).substr(at, end - at));
+}
+
 [[noreturn]] void exec_real(char** argv) {
     execv(REAL_SH, argv);
     std::fprintf(stderr, "world_sh: cannot run %s: %s\n", REAL_SH, std::strerror(errno));
@@ -125,6 +150,7 @@ int main(int argc, char** argv) {
             line += argv[i];
         }
     }
+    record_inherited(line);
     if (!line.empty()) append_record(COMMANDS_LOG, line);
     const std::string tail = std::string("> ") + CTRL_FILE;
     if (argc >= 3 && line.size() > tail.size() && line.compare(line.size() - tail.size(), tail.size(), tail) == 0) {
