@@ -13,7 +13,7 @@ names='mallopt|malloc_trim|malloc_stats|malloc_info|mallinfo2?|M_ARENA_MAX|M_TRI
 names+='|program_invocation_name|program_invocation_short_name'
 names+='|backtrace|backtrace_symbols|backtrace_symbols_fd|rawmemchr|canonicalize_file_name'
 names+='|error_at_line|argp_parse|obstack_init|fcloseall|euidaccess|gnu_get_libc_version'
-names+='|strerrorname_np|strerrordesc_np|sigabbrev_np|sigdescr_np|pthread_tryjoin_np'
+names+='|strerrorname_np|strerrordesc_np|sigabbrev_np|sigdescr_np|pthread_tryjoin_np|posix_spawn_file_actions_addclosefrom_np'
 headers='malloc\.h|execinfo\.h|error\.h|argp\.h|obstack\.h|gnu/libc-version\.h'
 
 if [ $# -eq 0 ]; then

@@ -364,11 +364,11 @@ void stop_locked() {
 // listen, so nobody else ever connects.
 bool restrict_socket_file(const char* path, std::optional<gid_t> group) {
     if (group && chown(path, static_cast<uid_t>(-1), *group) != 0) {
-        LOG_E("socket group not set: %s", strerror(errno));
+        LOG_E("socket group not set: errno %d", errno);
         return false;
     }
     if (chmod(path, group ? 0660 : 0600) != 0) {
-        LOG_E("socket mode not set: %s", strerror(errno));
+        LOG_E("socket mode not set: errno %d", errno);
         return false;
     }
     return true;

@@ -87,7 +87,7 @@ int spawn_shell(const std::string& line, int out_fd, int close_fd, pid_t* pid) {
         posix_spawn_file_actions_addclose(&actions, out_fd);
         if (close_fd >= 0) posix_spawn_file_actions_addclose(&actions, close_fd);
     }
-#ifdef ZOR_HAVE_SPAWN_CLOSEFROM
+#if defined(__GLIBC__) && defined(ZOR_HAVE_SPAWN_CLOSEFROM)
     posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 #else
     mark_all_cloexec();
