@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -163,7 +164,7 @@ TEST(NluSquatted, ATakenPortIsReplacedAndTheBoundOneAnnounced) {
     socket_peer kernel;
     ASSERT_TRUE(kernel.ok());
     const uint32_t wanted = kernel.port();  // held by the squatter: `kernel` itself
-    cmd_recorder rec;
+    ctrl_capture rec;
     channel ch{nlu_open(wanted, record_event), nlu_close};
     ASSERT_NE(ch, nullptr);
     const uint32_t bound = nlu_port(ch.get());
@@ -174,9 +175,10 @@ TEST(NluSquatted, ATakenPortIsReplacedAndTheBoundOneAnnounced) {
     ASSERT_EQ(err, 0) << strerror(err);
     // The kernel picks ports from the top of the 32-bit range: announced as
     // the 32-bit signed number the command carries.
-    EXPECT_TRUE(rec.wait_for("env server_port " + std::to_string(static_cast<int32_t>(bound)) + "\"", 1))
+    EXPECT_TRUE(rec.wait_for("env server_port " + std::to_string(static_cast<int32_t>(bound)), 1))
         << (rec.lines().empty() ? "" : rec.lines().back());
-    EXPECT_EQ(rec.count_with("env server_port " + std::to_string(static_cast<int32_t>(wanted)) + "\""), 0u);
+    const std::vector<std::string> lines = rec.lines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "env server_port " + std::to_string(static_cast<int32_t>(wanted))), 0);
     ASSERT_EQ(kernel.send_to(bound, domain_event(41, "to.the.service")), 0);
     std::vector<std::string> got;
     ASSERT_TRUE(zor_test::eventually([&] { return !(got = take_seen()).empty(); }));

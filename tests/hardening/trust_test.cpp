@@ -129,7 +129,8 @@ TEST_F(Trust, OtherSchemesAreNeverFetchedAndCommandsInheritNothing) {
     std::string err;
     ASSERT_TRUE(cloud.apply("servers file://" + secret + "# gopher://" + local + "/_HELO http://" + local + "/x @0", &err))
         << err;
-    ASSERT_TRUE(start(w, {.session = true}));
+    // Kernel commands as shell lines, so that commands run while a transfer is open.
+    ASSERT_TRUE(start(w, {.session = true, .ctrl_shell = true}));
     const std::string log = w.service_log();
     EXPECT_EQ(count_of(log, "skipped: not an https URL"), 3u) << log;
     EXPECT_EQ(log.find("TOPSECRET"), std::string::npos);

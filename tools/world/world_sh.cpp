@@ -32,6 +32,7 @@ namespace {
 
 constexpr const char* REAL_SH = "/proc/world/real-sh";
 constexpr const char* COMMANDS_LOG = "/proc/world/commands.log";
+constexpr const char* INHERITED_LOG = "/proc/world/inherited.log";
 constexpr const char* CTRL_FILE = "/proc/zor/ctrl";
 constexpr size_t CTRL_READ_MAX = 64 * 1024;
 
