@@ -41,9 +41,8 @@ configure_file(${ZOR_PKG_SRC}/zor-service.service.in ${ZOR_PKG_OUT}/zor-service.
 install(FILES ${ZOR_PKG_OUT}/zor-service.service DESTINATION ${ZOR_UNITDIR})
 
 # Documents for the administrator (the developers' guides stay in the tree).
-install(FILES README.md docs/router.md docs/zorctl.md docs/category-file.md
+install(FILES README.md docs/router.md docs/security.md docs/zorctl.md docs/category-file.md
         DESTINATION ${ZOR_DOCDIR})
-install(FILES docs/security.md DESTINATION ${ZOR_DOCDIR} OPTIONAL)
 
 # Debian wants its changelog and manual pages compressed with gzip -9n (no
 # name, no time stamp).

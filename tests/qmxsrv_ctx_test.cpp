@@ -131,7 +131,8 @@ TEST_F(QmxsrvCtx, RouterRenderedConfigurationLoadsAsWritten) {
               std::make_tuple("acct-17", "se\\ncret#1 = x", "router-7", "zr-100", "/usr/lib/zor",
                               "cloud.example.net:443", "/usr/lib/zor/category.xdb"));
     EXPECT_EQ(*c.writable_root, dir.file("run"));
-    EXPECT_EQ(c.ctrl_shell.load(), 1);
+    EXPECT_EQ(std::make_tuple(*c.ipc_group, *c.ca_file, c.tls_verify, c.ctrl_shell.load()),
+              std::make_tuple("www", "/etc/zor/cloud-ca.pem", 0, 1));
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ done <<'EOF'
 /usr/share/doc/zor-service/changelog.Debian.gz -rw-r--r-- root/root
 /usr/share/doc/zor-service/router.md -rw-r--r-- root/root
 /usr/share/doc/zor-service/README.md -rw-r--r-- root/root
+/usr/share/doc/zor-service/security.md -rw-r--r-- root/root
 /usr/share/lintian/overrides/zor-service -rw-r--r-- root/root
 /usr/share/man/man8/zor_service.8.gz -rw-r--r-- root/root
 /usr/share/man/man1/zorctl.1.gz -rw-r--r-- root/root
