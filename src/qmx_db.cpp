@@ -41,6 +41,11 @@ namespace {
 constexpr uint32_t kBuckets = 512;
 constexpr uint32_t kBucketsPerPass = 200;
 constexpr int32_t kDefaultCapacity = 2000;
+// The cleaner ages entries out by their idle time, at most a pass over 200
+// buckets every 5 s, so a flood of new keys would grow the cache by its rate
+// times half a minute or more. Beyond this many times the capacity no key is
+// added (an entry costs about 150 bytes); the kernel reports it again.
+constexpr int64_t kHardCapFactor = 8;
 constexpr int64_t kRequeryAge = 86401;
 
 struct cache_state {
@@ -247,6 +252,12 @@ verdict_entry* db_find(uint32_t type, const char* key) {
 verdict_entry* db_get_or_add(uint32_t type, const char* key, int keep_ref) {
     hash_t* table = state().table.load();
     if (!table || !key) return nullptr;
+    const int64_t capacity = qmxsrv_ctx.db_capacity > 0 ? qmxsrv_ctx.db_capacity : kDefaultCapacity;
+    if (hash_count(table) >= capacity * kHardCapFactor) {
+        verdict_entry* known = db_find(type, key);
+        if (known && !keep_ref) db_put(known);
+        return known;
+    }
     std::unique_ptr<verdict_entry> fresh(new (std::nothrow) verdict_entry);
     if (!fresh) return nullptr;
     try {

@@ -34,8 +34,9 @@ void db_wake();
 // Null when the key is unknown or the cache is stopped.
 [[nodiscard]] verdict_entry* db_find(uint32_t type, const char* key);
 // Finds or inserts the entry for (type, key), taking a reference that is kept
-// when keep_ref is non-zero. Null for a null key, a stopped cache or on
-// allocation failure. With keep_ref 0 the result only tells that the entry
+// when keep_ref is non-zero. Null for a null key, a stopped cache, on
+// allocation failure, or for a new key while the cache holds 8 times its
+// capacity (qmxsrv_ctx.db_capacity). With keep_ref 0 the result only tells that the entry
 // existed or was made: the cleaner may free it at any moment.
 verdict_entry* db_get_or_add(uint32_t type, const char* key, int keep_ref);
 // Returns the reference taken by db_find or db_get_or_add. Null-safe.

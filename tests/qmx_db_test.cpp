@@ -69,6 +69,23 @@ TEST_F(Db, ReferencesKeepEntriesAndPutReleasesThem) {
 
 }
 
+// However fast new keys come, the cache stops growing at 8 times its
+// capacity until the cleaner makes room; keys it holds are still found.
+TEST_F(Db, NewKeysAreRefusedAtEightTimesTheCapacity) {
+    qmxsrv_ctx.db_capacity = 10;
+    add_many("k", 80);
+    EXPECT_EQ(db_get_or_add(20, "one-more", 0), nullptr);
+    EXPECT_NE(db_get_or_add(20, "k7", 0), nullptr);
+    verdict_entry* held = db_get_or_add(20, "k9", 1);
+    ASSERT_NE(held, nullptr);
+    db_put(held);
+    EXPECT_EQ(db_count(), 80u);
+    fake_now += 86401;
+    clean_everything();
+    EXPECT_NE(db_get_or_add(20, "one-more", 0), nullptr);
+    qmxsrv_ctx.db_capacity = 2000;
+}
+
 // Without a verdict: once per day. With one, the decision compares the ttl
 // with verdict_time - now, so only a clock that went back further than the
 // ttl (3600 s here) asks again.
