@@ -55,8 +55,9 @@ std::vector<key> make_keys(int count, uint32_t seed) {
     return keys;
 }
 
-// The cache started with a no-op runner and a cleaner that stays asleep
-// (passes are run by hand); stopped and emptied at the end.
+// The cache started with a no-op runner taking the verdicts' kernel commands
+// as shell lines (built, never run) and a cleaner that stays asleep (passes
+// are run by hand); stopped and emptied at the end.
 class cache {
 public:
     cache() {
@@ -64,6 +65,7 @@ public:
         noop.run = [](const std::string&) { return 0; };
         noop.capture = [](const std::string&) -> std::optional<std::string> { return ""; };
         cmd_set_runner(noop);
+        qmxsrv_ctx.ctrl_shell = 1;
         qmxsrv_ctx.db_capacity = kEntries;
         db_set_clean_interval(std::chrono::hours(1));
         (void)db_init();
@@ -71,6 +73,7 @@ public:
     ~cache() {
         db_release();
         cmd_reset_runner();
+        qmxsrv_ctx.ctrl_shell = 0;
     }
     static void restart() {
         db_release();
