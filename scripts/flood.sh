@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# flood.sh [-B BUILD_DIR] [-d SECONDS] [-r RATE] [-m RSS_LIMIT_KIB] [-S] [-M] [-k]
+# flood.sh [-B BUILD_DIR] [-d SECONDS] [-r RATE] [-m RSS_LIMIT_KIB] [-S] [-M] [-R] [-k]
 #
 # Floods zor_service with kernel reports and checks that it holds up. The
 # service runs in the simulated world (tools/world/world.sh), whose control
@@ -33,6 +33,10 @@
 # rate at which the module received u2k commands and answers, from the first
 # report to the last command.
 #
+# -R reports the two checks that depend on the machine's spare time (nothing
+# lost before the receive thread, nothing dropped at the cap) without failing
+# them: for a short run on a machine busy with other work.
+#
 # Defaults: 60 s at 50000 reports/s, RSS limit 8192 KiB, build dir build
 # (zor_service, kernsim, cloudsim, xdbc and flood_sh must be built). -k keeps
 # the work directory. Exit status 0 when every check passed, 1 when one
@@ -41,15 +45,16 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build=build seconds=60 rate=50000 rss_limit=8192 keep="" ctrl_shell=0 max_rate=""
-while getopts "B:d:r:m:SMk" opt; do
+build=build seconds=60 rate=50000 rss_limit=8192 keep="" ctrl_shell=0 max_rate="" rate_checks=1
+while getopts "B:d:r:m:SMRk" opt; do
     case $opt in
         B) build=$OPTARG ;;
         d) seconds=$OPTARG ;;
         r) rate=$OPTARG ;;
         m) rss_limit=$OPTARG ;;
         S) ctrl_shell=1 ;;
-        M) max_rate=1 ;;
+        M) max_rate=1 rate_checks="" ;;
+        R) rate_checks="" ;;
         k) keep=1 ;;
         *) sed -n '2p' "$0" >&2; exit 2 ;;
     esac
@@ -154,7 +159,7 @@ echo "  module: $all_lines commands; u2k for hits $hit_u2k, their updates $hit_u
 echo "  answered in the module: $u2k u2k and $((hit_updates + cached_updates)) verdicts in $span s" \
      "($u2k_rate u2k/s, $answer_rate verdicts/s)"
 echo "  RssAnon: $rss_idle KiB idle, $rss_max KiB at most; exit $stop_ms ms after SIGTERM, status $stop_status"
-if [ -z "$max_rate" ]; then
+if [ -n "$rate_checks" ]; then
     check "the receive thread kept up: kernsim lost $lost" test "$lost" -eq 0
     check "no report was dropped at the cap (${dropped:-?})" test "${dropped:-x}" = 0
 fi
