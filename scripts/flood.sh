@@ -38,7 +38,7 @@
 # them: for a short run on a machine busy with other work.
 #
 # Defaults: 60 s at 50000 reports/s, RSS limit 8192 KiB, build dir build
-# (zor_service, kernsim, cloudsim, xdbc and flood_sh must be built). -k keeps
+# (zor_service, kernsim, cloudsim, xdbc, zorctl and flood_sh must be built). -k keeps
 # the work directory. Exit status 0 when every check passed, 1 when one
 # failed, 2 on a usage or set-up error, 77 when the simulated world cannot be
 # built here (not root, no mount namespaces, netlink unicast refused).
@@ -64,7 +64,7 @@ for n in "$seconds" "$rate" "$rss_limit"; do
 done
 
 source scripts/world_lib.sh
-world_check zor_service tools/world/flood_sh
+world_check zor_service tools/world/flood_sh tools/zorctl/zorctl
 
 # --- the world: a category file, the slow cloud, the service -----------------------
 printf '.hit.example 0x0305\n198.51.100.0/24 0x0102\n' > "$work/categories.src"
@@ -76,7 +76,11 @@ ctrl=$work/world/zor/ctrl
 # lines of the control file matching the pattern
 module_count() { grep -c "$1" "$ctrl" || true; }
 
-# The two repeated names get their verdicts first.
+# The two repeated names get their verdicts first, once the session is held
+# (a batch sent before that is dropped, and its keys are not asked again for
+# a day).
+logged_in() { "$build/tools/zorctl/zorctl" -i "$work/zor.ini" -t 10 --json status 2>/dev/null | grep -q '"logged_in":true'; }
+wait_until 300 logged_in || fail "the service never held its cloud session"
 "$build/tools/kernsim/kernsim" -p "$service_pid" domain repeated.flood.test ";" domain asks.flood.test flags=1 \
     > "$work/warm.out" 2>&1 || fail "kernsim failed: $(cat "$work/warm.out")"
 wait_until 200 grep -qs '^db key2group update 1 20 asks.flood.test ' "$ctrl" ||
