@@ -12,12 +12,14 @@ namespace {
 // Makes room for `need` more bytes plus the terminator. Returns false (and
 // leaves the buffer as it was) when the size cannot be represented or the
 // reallocation fails.
+// Sums in 64 bits: a 32-bit size_t (MIPS32, ARM32) would wrap.
 bool grow_for(strbuf_t* sb, size_t need) {
-    size_t wanted = static_cast<size_t>(sb->length) + need + 1;
+    if (need > UINT32_MAX) return false;
+    const uint64_t wanted = static_cast<uint64_t>(sb->length) + need + 1;
     if (wanted < sb->capacity) return true;  // an exact fit still grows
-    size_t size = static_cast<size_t>(sb->length) + need + 256;
+    const uint64_t size = static_cast<uint64_t>(sb->length) + need + 256;
     if (size > UINT32_MAX) return false;
-    char* data = static_cast<char*>(realloc(sb->data, size));
+    char* data = static_cast<char*>(realloc(sb->data, static_cast<size_t>(size)));
     if (!data) return false;
     sb->data = data;
     sb->capacity = static_cast<uint32_t>(size);
