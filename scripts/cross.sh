@@ -88,7 +88,8 @@ if [ ${#missing[@]} -gt 0 ]; then
     $SUDO dpkg --add-architecture "$arch"
   fi
   export DEBIAN_FRONTEND=noninteractive
-  $SUDO apt-get update -qq
+  # A mirror caught mid-sync fails one index; the install says what is missing.
+  $SUDO apt-get update -qq || echo "cross: apt-get update reported errors, installing from the lists at hand" >&2
   $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
