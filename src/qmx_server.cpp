@@ -390,6 +390,12 @@ void destroy(qmx_srv* s) {
               static_cast<unsigned long long>(s->received.load()),
               static_cast<unsigned long long>(s->dropped.load()));
     }
+    const zor_ctrl_counts c = zor_ctrl_counters();
+    if (c.refused + c.too_long + c.failed != 0) {
+        LOG_I("kernel commands: %llu sent, %llu refused (words), %llu too long, %llu failed",
+              static_cast<unsigned long long>(c.sent), static_cast<unsigned long long>(c.refused),
+              static_cast<unsigned long long>(c.too_long), static_cast<unsigned long long>(c.failed));
+    }
     notify_flag(s->announce_lock, s->announce_cond, nullptr);
     join(s->announce_thread);
     free_items<queued_event>(s->announce_list);

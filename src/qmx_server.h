@@ -38,7 +38,8 @@ void qmx_srv_handle_event(const nl_event* event);
 // Diagnostics (also what tests wait on): reports queued (announced or not;
 // what the cap counts), of them those announced and waiting for the lookup,
 // reports the worker has finished since start, keys waiting for a query.
-// Release logs how many reports arrived and how many the cap dropped.
+// Release logs how many reports arrived and how many the cap dropped, and
+// the kernel commands not sent, when there were any (zor_ctrl.h).
 uint32_t qmx_srv_queued_events();
 uint32_t qmx_srv_lookup_events();
 uint64_t qmx_srv_finished_events();
