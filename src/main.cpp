@@ -1,6 +1,7 @@
 // Entry point of zor_service: command line, configuration, optional daemon
-// start, the subsystems in their fixed start order, the kernel module, then
-// a wait loop that ends in service_shutdown().
+// start, the subsystems of kSubsystems in table order, the kernel module,
+// then a wait loop that ends in service_shutdown(), which walks the same
+// table back.
 //
 // Signals only record their number. SIGTERM and SIGINT are blocked from
 // before the first thread starts, so every thread inherits the block and the
@@ -17,6 +18,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "base64.h"
 #include "ipc/ipc_server.h"
@@ -130,20 +132,137 @@ void log_start_lines() {
     LOG_D("host: %s", c.host->c_str());
 }
 
-// Releases every subsystem in the fixed order and ends the process. Each
-// release is safe whether or not its subsystem started.
+// The start calls, each as its module defines it; main() walks them in the
+// table below.
+
+// Log files only with -l; the start lines go out either way (without log
+// files they are dropped).
+int start_log(const entry_options& o) {
+    if (o.log_dir) {
+        log_init(o.log_dir, "zorsrv");
+        log_set_level(qmxsrv_ctx.log_level);
+    }
+    log_start_lines();
+    return 0;
+}
+
+int start_category_file(const entry_options&) {
+    return qmxsrv_ctx.xdb ? xdb_init(qmxsrv_ctx.xdb->c_str()) : 0;
+}
+
+int start_transport(const entry_options&) {
+    if (const int rc = qmx_curl_init(); rc != 0) return rc;
+    qmx_curl_set_tls(qmxsrv_ctx.tls_verify != 0, opt_str(qmxsrv_ctx.ca_file));
+    if (qmxsrv_ctx.tls_verify == 0) LOG_W("tls_verify = 0: the cloud's certificate is not checked");
+    return 0;
+}
+
+int start_cipher(const entry_options&) {
+    crypto_init();
+    return 0;
+}
+
+int start_cache(const entry_options&) { return db_init(); }
+
+int start_session(const entry_options&) {
+    const qmxsrv_ctx_t& c = qmxsrv_ctx;
+    return zor_init(opt_str(c.server), opt_str(c.product), opt_str(c.auth_id), opt_str(c.auth_pwd),
+                    opt_str(c.host));
+}
+
+int start_workers(const entry_options&) { return qmx_srv_start(); }
+int start_commands(const entry_options&) { return ipc_srv_start(); }
+
+// How a start call tells success from failure.
+enum class start_result {
+    one_is_ok,          // 1 started, 0 failed
+    zero_is_ok,         // 0 loaded, -1 failed
+    zero_or_curl_code,  // 0 ready, else a libcurl code
+    cannot_fail,        // always 0
+};
+
+// The one place where those conventions are read.
+bool started(start_result convention, int rc) {
+    switch (convention) {
+        case start_result::one_is_ok: return rc != 0;
+        case start_result::zero_is_ok:
+        case start_result::zero_or_curl_code: return rc == 0;
+        case start_result::cannot_fail: return true;
+    }
+    return false;
+}
+
+enum class on_failure {
+    shutdown,  // release everything, status 1
+    exit_now,  // status 1 at once, nothing released
+};
+
+enum class release_at {
+    reverse_of_start,  // its stop runs in the reverse walk of the table
+    after_all,         // its stop runs after every other one
+};
+
+struct subsystem {
+    const char* name;
+    int (*start)(const entry_options&);  // null: started elsewhere (see its row)
+    start_result convention;
+    const char* failure_text;  // logged at E when the start fails; null: nothing
+    on_failure failure;
+    void (*stop)();  // null: nothing to release; safe unstarted and twice
+    release_at release;
+};
+
+// Start-up runs down this table; shutdown runs back up it, then the
+// after_all rows. Every stop is called on every shutdown, also after a
+// partial start, because each one is safe when its subsystem never started.
+constexpr subsystem kSubsystems[] = {
+    // Loaded by main() before the stale-socket check and the daemon start.
+    {"service context", nullptr, start_result::cannot_fail, nullptr, on_failure::shutdown,
+     qmxsrv_ctx_release, release_at::reverse_of_start},
+    {"logging", start_log, start_result::cannot_fail, nullptr, on_failure::shutdown, log_release,
+     release_at::reverse_of_start},
+    // A category file that does not load ends the process at once.
+    {"category file", start_category_file, start_result::zero_is_ok, "Faild to load xdb!",
+     on_failure::exit_now, xdb_release, release_at::reverse_of_start},
+    // Released last, not in reverse order: the transport goes when every
+    // other subsystem is gone, so no request can still be in flight.
+    {"HTTP transport", start_transport, start_result::zero_or_curl_code, "Faild to initialize CURL!",
+     on_failure::shutdown, qmx_curl_release, release_at::after_all},
+    {"payload cipher", start_cipher, start_result::cannot_fail, nullptr, on_failure::shutdown, nullptr,
+     release_at::reverse_of_start},
+    {"verdict cache", start_cache, start_result::cannot_fail, nullptr, on_failure::shutdown, db_release,
+     release_at::reverse_of_start},
+    // zor_init logs its own reasons.
+    {"cloud session", start_session, start_result::one_is_ok, nullptr, on_failure::shutdown, zor_release,
+     release_at::reverse_of_start},
+    {"event workers", start_workers, start_result::one_is_ok, "Faild to start main server!",
+     on_failure::shutdown, qmx_srv_release, release_at::reverse_of_start},
+    // Started by the command that enables parental control; stopped right
+    // after the command server, so no command can start it again.
+    {"rule scheduler", nullptr, start_result::cannot_fail, nullptr, on_failure::shutdown, pctrl_sched_stop,
+     release_at::reverse_of_start},
+    {"command server", start_commands, start_result::one_is_ok, "Faild to start ipc server!",
+     on_failure::shutdown, ipc_srv_stop, release_at::reverse_of_start},
+};
+
+// Releases every subsystem and ends the process.
 [[noreturn]] void service_shutdown(int status) {
     LOG_I("Shutdown service...");
-    ipc_srv_stop();
-    pctrl_sched_stop();
-    qmx_srv_release();
-    zor_release();
-    db_release();
-    xdb_release();
-    log_release();
-    qmxsrv_ctx_release();
-    qmx_curl_release();
+    for (auto s = std::rbegin(kSubsystems); s != std::rend(kSubsystems); ++s)
+        if (s->stop && s->release == release_at::reverse_of_start) s->stop();
+    for (const subsystem& s : kSubsystems)
+        if (s.stop && s.release == release_at::after_all) s.stop();
     exit(status);
+}
+
+// Starts each subsystem in table order; the first failure ends the process.
+void start_subsystems(const entry_options& o) {
+    for (const subsystem& s : kSubsystems) {
+        if (!s.start || started(s.convention, s.start(o))) continue;
+        if (s.failure_text) LOG_E("%s", s.failure_text);
+        if (s.failure == on_failure::exit_now) exit(1);
+        service_shutdown(1);
+    }
 }
 
 [[noreturn]] void wait_loop(const sigset_t& wait_mask) {
@@ -191,36 +310,7 @@ int main(int argc, char** argv) {
     qmxsrv_ctx.pid = getpid();
 
     const sigset_t wait_mask = block_stop_signals();
-    if (opt.log_dir) {
-        log_init(opt.log_dir, "zorsrv");
-        log_set_level(qmxsrv_ctx.log_level);
-    }
-    log_start_lines();
-
-    // A category file that does not load ends the process at once.
-    if (qmxsrv_ctx.xdb && xdb_init(qmxsrv_ctx.xdb->c_str()) != 0) {
-        LOG_E("Faild to load xdb!");
-        exit(1);
-    }
-    if (qmx_curl_init() != 0) {
-        LOG_E("Faild to initialize CURL!");
-        service_shutdown(1);
-    }
-    qmx_curl_set_tls(qmxsrv_ctx.tls_verify != 0, opt_str(qmxsrv_ctx.ca_file));
-    if (qmxsrv_ctx.tls_verify == 0) LOG_W("tls_verify = 0: the cloud's certificate is not checked");
-    crypto_init();
-    db_init();
-    if (!zor_init(opt_str(qmxsrv_ctx.server), opt_str(qmxsrv_ctx.product), opt_str(qmxsrv_ctx.auth_id),
-                  opt_str(qmxsrv_ctx.auth_pwd), opt_str(qmxsrv_ctx.host)))
-        service_shutdown(1);
-    if (!qmx_srv_start()) {
-        LOG_E("Faild to start main server!");
-        service_shutdown(1);
-    }
-    if (!ipc_srv_start()) {
-        LOG_E("Faild to start ipc server!");
-        service_shutdown(1);
-    }
+    start_subsystems(opt);
     LOG_I("ZOR service start up");
     kmod_load();
     wait_loop(wait_mask);
