@@ -61,6 +61,9 @@ if(ZOR_CROSS_SYSROOT)
   list(PREPEND CMAKE_FIND_ROOT_PATH ${ZOR_CROSS_SYSROOT})
   include_directories(SYSTEM ${ZOR_CROSS_SYSROOT}/usr/include)
   link_directories(${ZOR_CROSS_SYSROOT}/usr/lib)
+  # The libraries those need, found at link time as at run time.
+  set(CMAKE_EXE_LINKER_FLAGS_INIT
+      "-Wl,-rpath-link,${ZOR_CROSS_SYSROOT}/usr/lib/${triplet}:${ZOR_CROSS_SYSROOT}/lib/${triplet}:${ZOR_CROSS_SYSROOT}/usr/lib:${ZOR_CROSS_SYSROOT}/lib")
 endif()
 # pkg-config (libcurl, cpp-httplib, OpenSSL) reads the target's files only.
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${triplet}/pkgconfig:/usr/share/pkgconfig)
@@ -81,7 +84,7 @@ if(ZOR_CROSS_PREFIX AND ZOR_CROSS_SYSROOT)
 else()
   set(zor_cross_libs /usr/${triplet}/lib)
   if(ZOR_CROSS_SYSROOT)
-    string(PREPEND zor_cross_libs ${ZOR_CROSS_SYSROOT}/lib:${ZOR_CROSS_SYSROOT}/usr/lib:)
+    string(PREPEND zor_cross_libs ${ZOR_CROSS_SYSROOT}/lib/${triplet}:${ZOR_CROSS_SYSROOT}/usr/lib/${triplet}:${ZOR_CROSS_SYSROOT}/lib:${ZOR_CROSS_SYSROOT}/usr/lib:)
   endif()
   set(CMAKE_CROSSCOMPILING_EMULATOR ${qemu} -L /usr/${triplet} -E LD_LIBRARY_PATH=${zor_cross_libs})
 endif()

@@ -128,7 +128,7 @@ fi
 # qemu-user opens no generic netlink socket (only the routing, uevent and
 # audit families): the tests that talk to the kernel through one (the real
 # channel, the event workers, the service with the cloud) run natively only.
-no_netlink='^(NluSocket|Workers|ServiceWithCloud)\.'
+no_netlink='^(NluSocket|NluSquatted|Workers|ServiceWithCloud)\.'
 
 start=$SECONDS
 if [ $only_byte_order -eq 1 ]; then
