@@ -6,6 +6,7 @@
 #include "ini.h"
 #include "log.h"
 #include "util/dir_chain.h"
+#include "util/group_id.h"
 
 qmxsrv_ctx_t qmxsrv_ctx;
 int32_t http_mode = 0;
@@ -107,7 +108,10 @@ int qmxsrv_ctx_load(const char* path) {
     qmxsrv_ctx.ctrl_shell = ini_get_int(ini.get(), kSection, "ctrl_shell", 0) == 1 ? 1 : 0;
     ini.reset();
 
-    dir_make_chain(qmxsrv_ctx.writable_root->c_str());
+    // Made for the ipc_group too, when one is configured: the command socket
+    // inside is then reachable by that group's members.
+    dir_make_chain(qmxsrv_ctx.writable_root->c_str(),
+                   group_id(qmxsrv_ctx.ipc_group ? qmxsrv_ctx.ipc_group->c_str() : nullptr));
     return 1;
 }
 

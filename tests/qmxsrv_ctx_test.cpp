@@ -1,7 +1,9 @@
 #include "qmxsrv_ctx.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -15,6 +17,11 @@ namespace {
 mode_t mode_of(const std::string& path) {
     struct stat st {};
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode) ? st.st_mode & 07777 : 0;
+}
+
+gid_t gid_of(const std::string& path) {
+    struct stat st {};
+    return stat(path.c_str(), &st) == 0 ? st.st_gid : static_cast<gid_t>(-1);
 }
 
 class QmxsrvCtx : public testing::Test {
@@ -117,6 +124,26 @@ TEST_F(QmxsrvCtx, WritableRootAndSocketPath) {
     std::filesystem::create_directories(writable_root);
     ASSERT_EQ(load(config()).first, 1);
     EXPECT_EQ(std::string(qmxsrv_ctx.ipc_socket), (writable_root + "/.ipc.socket").substr(0, 255));
+}
+
+// With ipc_group, the writable_root the loader makes belongs to that group,
+// so its members reach the command socket inside; the parents it makes, and
+// a directory that was there before, keep the group they had.
+TEST_F(QmxsrvCtx, WritableRootMadeForTheIpcGroup) {
+    if (geteuid() != 0) GTEST_SKIP() << "giving a directory to another group needs root";
+    const group* nogroup = getgrgid(65534);
+    if (!nogroup) GTEST_SKIP() << "no group 65534 here";
+    const std::string key = std::string("ipc_group = ") + nogroup->gr_name + "\n";
+    const gid_t own = gid_of(dir.path());
+    ASSERT_NE(own, 65534u);
+    writable_root = dir.file("p/run");
+    ASSERT_EQ(load(config("", key)).first, 1);
+    EXPECT_EQ(std::make_tuple(gid_of(dir.file("p/run")), mode_of(dir.file("p/run")), gid_of(dir.file("p"))),
+              std::make_tuple(65534u, 0750u, own));
+    qmxsrv_ctx_release();
+    writable_root = dir.file("p");
+    ASSERT_EQ(load(config("", key)).first, 1);
+    EXPECT_EQ(gid_of(dir.file("p")), own);
 }
 
 // The INI the OpenWrt init script is tested to write (every option set) loads

@@ -1,7 +1,6 @@
 #include "ipc/ipc_server.h"
 
 #include <cjson/cJSON.h>
-#include <grp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -29,6 +28,7 @@
 #include "pctrl/pctrl_scheduler.h"
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
+#include "util/group_id.h"
 #include "util/unique_fd.h"
 
 namespace {
@@ -378,15 +378,12 @@ bool restrict_socket_file(const char* path, std::optional<gid_t> group) {
 // the group is unknown (logged: then only root and the service are served).
 std::optional<gid_t> configured_group() {
     if (!qmxsrv_ctx.ipc_group || qmxsrv_ctx.ipc_group->empty()) return std::nullopt;
-    group g{};
-    group* found = nullptr;
-    char buf[4096];
-    if (getgrnam_r(qmxsrv_ctx.ipc_group->c_str(), &g, buf, sizeof buf, &found) != 0 || !found) {
+    std::optional<gid_t> gid = group_id(qmxsrv_ctx.ipc_group->c_str());
+    if (!gid) {
         LOG_E("ipc_group %s: no such group; the command socket serves root and the service only",
               qmxsrv_ctx.ipc_group->c_str());
-        return std::nullopt;
     }
-    return found->gr_gid;
+    return gid;
 }
 
 // Binds and listens on `path`; returns the descriptor or -1 (logged).

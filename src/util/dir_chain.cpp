@@ -1,6 +1,7 @@
 #include "util/dir_chain.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -8,14 +9,16 @@
 namespace {
 
 // A directory this call makes gets exactly kDirMode, whatever the umask;
-// one that exists already is left as it is.
-void make_one(const char* path) {
-    if (mkdir(path, kDirMode) == 0) chmod(path, kDirMode);
+// one that exists already is left as it is. True when this call made it.
+bool make_one(const char* path) {
+    if (mkdir(path, kDirMode) != 0) return false;
+    chmod(path, kDirMode);
+    return true;
 }
 
 }  // namespace
 
-void dir_make_chain(const char* path) {
+void dir_make_chain(const char* path, std::optional<gid_t> group) {
     struct stat st;
     if (!path || stat(path, &st) == 0) return;
     char buf[256];
@@ -29,5 +32,8 @@ void dir_make_chain(const char* path) {
         make_one(buf);
         buf[i] = '/';
     }
-    make_one(buf);
+    if (!make_one(buf) || !group) return;
+    // On failure the directory stays the service's group alone, and members
+    // of `group` cannot reach the socket: the command server logs the group.
+    if (chown(buf, static_cast<uid_t>(-1), *group) != 0) return;
 }
