@@ -27,6 +27,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "xac.h"
 #include "xdb.h"
 #include "xdbc.h"
 

@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "fuzz_support.h"
+#include "xac.h"
 #include "xdb.h"
 
 namespace {

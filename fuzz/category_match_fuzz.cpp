@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "fuzz_support.h"
+#include "xac.h"
 #include "xdb.h"
 #include "xdb_reference.h"
 

@@ -24,6 +24,7 @@
 #include "qmx_nlu.h"
 #include "qmxsrv_ctx.h"
 #include "util/list.h"
+#include "xac.h"
 #include "xdb.h"
 #include "zor_ctrl.h"
 

@@ -11,12 +11,6 @@
 
 namespace {
 
-constexpr uint32_t kTargetBits = 0x3FFFFFFFu;
-constexpr uint32_t kOutputBit = 0x80000000u;  // the transition reports outputs
-constexpr uint32_t kDownBit = 0x40000000u;    // so do states down its failure chain
-constexpr uint32_t kChainBit = 0x80000000u;   // the next pattern record belongs to this output
-constexpr uint32_t kSuffixBits = 0x07F00000u;  // the record's suffix index
-
 // The fields one automaton step needs, kept in registers.
 struct automaton {
     const uint32_t* words;
@@ -27,7 +21,7 @@ struct automaton {
     explicit automaton(const xac_tables& tb)
         : words(tb.trans), count(tb.trans_count), mask(tb.check_mask), shift(tb.state_shift) {}
 
-    uint32_t target(uint32_t x) const { return (x & kTargetBits) >> shift; }
+    uint32_t target(uint32_t x) const { return xac_trans_target(x, shift); }
     // The transition of state s on symbol c into x; false when there is none.
     bool step(uint32_t s, uint32_t c, uint32_t& x) const {
         const uint32_t i = s + c;
@@ -43,13 +37,13 @@ struct automaton {
 
 // The byte at `at` of a record's postfix followed by its suffix.
 uint8_t tail_byte(const xac_tables& tb, uint32_t w0, uint32_t w1, uint32_t at) {
-    const uint32_t len = w1 >> 24;
-    if (at < len) return tb.postfix[(w1 & 0xFFFFFF) + at];
-    return tb.suffix[((w0 >> 20) & 0x7F) * tb.suffix_unit + (at - len)];
+    const uint32_t len = xac_rec_postfix_len(w1);
+    if (at < len) return tb.postfix[xac_rec_postfix_at(w1) + at];
+    return tb.suffix[xac_rec_suffix(w0) * tb.suffix_unit + (at - len)];
 }
 
 uint32_t tail_length(const xac_tables& tb, uint32_t w0, uint32_t w1) {
-    return (w1 >> 24) + (((w0 >> 20) & 0x7F) ? tb.suffix_unit : 0);
+    return xac_rec_postfix_len(w1) + (xac_rec_suffix(w0) ? tb.suffix_unit : 0);
 }
 
 // Streaming mode: keep a record whose tail ran past the end of the text if
@@ -79,19 +73,19 @@ template <xac_accept Rule>
 unsigned confirm_record(xac_scanner* sc, const uint8_t* t, uint32_t n, uint32_t w0, uint32_t w1, uint32_t p,
                         uint32_t end) {
     const xac_tables& tb = *sc->tables;
-    const uint32_t len = w1 >> 24;
-    const uint32_t match_len = (w0 >> 27 & 7) + (end - p);
+    const uint32_t len = xac_rec_postfix_len(w1);
+    const uint32_t match_len = xac_rec_key_len(w0) + (end - p);
     if (Rule == xac_accept::label_boundaries && !on_label_boundaries(t, n, end, match_len)) return 0;
     // Records of one key mostly differ early: the first byte inline.
     if (len) {
-        const uint8_t* post = tb.postfix.get() + (w1 & 0xFFFFFF);
+        const uint8_t* post = tb.postfix.get() + xac_rec_postfix_at(w1);
         if (t[p] != post[0] || std::memcmp(t + p + 1, post + 1, len - 1) != 0) return 0;
     }
     if (const uint32_t unit = end - p - len) {
-        const uint32_t k = (w0 >> 20) & 0x7F;
+        const uint32_t k = xac_rec_suffix(w0);
         if (std::memcmp(t + p + len, tb.suffix.get() + size_t{k} * unit, unit) != 0) return 0;
     }
-    return static_cast<unsigned>(sc->handler(reinterpret_cast<const char*>(t), static_cast<int>(n), w0 & 0xFFFFF,
+    return static_cast<unsigned>(sc->handler(reinterpret_cast<const char*>(t), static_cast<int>(n), xac_rec_id(w0),
                                              end, static_cast<int>(match_len), 0, sc->arg));
 }
 
@@ -109,26 +103,26 @@ unsigned check_records(xac_scanner* sc, const uint8_t* t, uint32_t n, uint32_t r
     const bool streaming = sc->streaming;
     for (;; ++rec, w += 2) {
         const uint32_t w0 = w[0], w1 = w[1];
-        const uint32_t len = w1 >> 24;
-        const uint32_t unit = suffix_unit & (0u - static_cast<uint32_t>((w0 & kSuffixBits) != 0));
+        const uint32_t len = xac_rec_postfix_len(w1);
+        const uint32_t unit = suffix_unit & (0u - static_cast<uint32_t>((w0 & XAC_REC_SUFFIX_BITS) != 0));
         const uint32_t tail = len + unit;
         const uint32_t end = p + tail;
         // Decided without branches where possible: most records fail here.
         bool maybe = tail <= rem;
         if constexpr (Rule == xac_accept::label_boundaries)
             maybe &= (end == n) | (t[(end < n ? end : n) - 1] == '.');
-        if constexpr (Rule == xac_accept::from_start) maybe &= p == (w0 >> 27 & 7);
+        if constexpr (Rule == xac_accept::from_start) maybe &= p == xac_rec_key_len(w0);
         if (maybe) {
             if (unsigned r = confirm_record<Rule>(sc, t, n, w0, w1, p, end)) return r;
         }
         if (streaming && tail > rem) keep_pending(sc, rec, t + p, rem);
-        if (!(w0 & kChainBit)) return 0;
+        if (!xac_rec_chained(w0)) return 0;
     }
 }
 
 // The output-hash search, bounded by the longest probe the loader measured.
 bool hash_find(const xac_tables& tb, uint32_t i, uint32_t& value) {
-    const uint32_t home = static_cast<uint32_t>(i * 107u) % tb.hash_modulus;
+    const uint32_t home = xac_hash_home(i, tb.hash_modulus);
     const uint64_t last = std::min<uint64_t>(uint64_t{home} + tb.hash_probe_limit + 1, tb.hash_slots);
     for (uint64_t q = home; q < last; ++q) {
         if (tb.hash[2 * q] == i) {
@@ -208,7 +202,7 @@ struct walk_result {
     uint32_t target = a.target(x);
     uint32_t state = target < a.count ? target : 0;
     for (;;) {
-        if (x & kOutputBit) {
+        if (x & XAC_TRANS_OUTPUT) {
             if (unsigned r = defer_output(sc, a, t, n, q, s + c, p)) return {r, state};
         }
         if (state == 0) {
@@ -216,7 +210,7 @@ struct walk_result {
             // becomes the state, whatever the flags say.
             target = a.target(x);
             if (target != 0 && target < a.count) state = target;
-        } else if (!(x & kDownBit)) {
+        } else if (!(x & XAC_TRANS_DOWN)) {
             return {0, state};
         }
         do {
@@ -237,9 +231,9 @@ unsigned finish_pending(xac_scanner* sc, const uint8_t* t, uint32_t n) {
         uint32_t j = 0;
         while (pend.done < need && j < n && t[j] == tail_byte(tb, w0, w1, pend.done)) ++pend.done, ++j;
         if (pend.done == need) {
-            const int match_len = static_cast<int>((w0 >> 27 & 7) + need);
+            const int match_len = static_cast<int>(xac_rec_key_len(w0) + need);
             unsigned r = static_cast<unsigned>(sc->handler(reinterpret_cast<const char*>(t), static_cast<int>(n),
-                                                           w0 & 0xFFFFF, j, match_len, 0, sc->arg));
+                                                           xac_rec_id(w0), j, match_len, 0, sc->arg));
             if (r) {
                 sc->pending_count = 0;
                 return r;
@@ -314,7 +308,7 @@ unsigned run(xac_scanner* sc, const uint8_t* t, uint32_t n) {
                 continue;
             }
         }
-        if (!(x & (kOutputBit | kDownBit))) {
+        if (!(x & (XAC_TRANS_OUTPUT | XAC_TRANS_DOWN))) {
             state = x >> a.shift;
             continue;
         }
@@ -409,7 +403,7 @@ int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn
     uint8_t b[4] = {0, 0, 0, 0};
     if (!text || inet_pton(AF_INET, text, b) != 1) std::memset(b, 0, sizeof b);
     const uint8_t* filter = db->prefilter.get();
-    if (!filter || !(filter[b[0] >> 3] & (0x80 >> (b[0] & 7)))) return 0;
+    if (!filter || !xdb_prefilter_has(filter, b[0])) return 0;
 
     filter_target to{handler, arg};
     xac_scanner sc;

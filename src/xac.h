@@ -1,6 +1,8 @@
-// Pattern automaton scanner over a loaded xac block (see xdb.h). A scanner
-// belongs to one thread and one lookup; the tables it reads are shared and
-// immutable, so scanning takes no lock and allocates nothing.
+// Category file matcher: the domain and address lookups, and under them the
+// pattern automaton scanner over a loaded xac block (see xdb.h). Any thread
+// may look up at any time while a file is loaded: the tables are shared and
+// immutable, so a lookup takes no lock and allocates nothing. A scanner
+// belongs to one thread and one lookup.
 //
 // Matches are reported in this order: by the position where the automaton
 // key ends, left to right; at one position the longest key first, then the
@@ -14,6 +16,32 @@
 #include <memory>
 
 #include "xdb.h"
+
+// Called for an accepted match: (text, text length, 20-bit category id,
+// match end, match length, 0, argument). Its result is ignored by the
+// domain and address lookups, which stop at the first accepted match.
+using xac_match_fn = int (*)(const char* text, int len, uint32_t id, uint32_t end, int match_len,
+                             int zero, void* arg);
+
+// ---- lookups ----
+
+// 1 when a match was accepted (the handler has run), else 0; 0 when no file
+// is loaded.
+unsigned xdb_match_domain(const char* name, size_t len, xac_match_fn handler, void* arg);
+int xdb_match_ipv4(const char* text, xac_match_fn handler, void* arg);
+
+// The same lookups against a given file (null answers 0).
+unsigned category_db_match_domain(const category_db* db, const char* name, size_t len,
+                                  xac_match_fn handler, void* arg);
+int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn handler,
+                           void* arg);
+
+// The values the address lookup scans for `addr` (host order), most specific
+// first: the address with 0, 1, ... 24 low bits cleared, each distinct value
+// once. Returns how many were written (at most 25).
+int xdb_ipv4_prefixes(uint32_t addr, uint32_t out[25]);
+
+// ---- scanner ----
 
 // Streaming mode only: records whose postfix or suffix ran past the end of
 // a text, finished by the next call. Beyond this bound they are dropped.

@@ -19,20 +19,11 @@ namespace {
 constexpr size_t kMaxStreamBytes = size_t{256} << 20;
 // Keeps state + symbol inside 32 bits in the matcher.
 constexpr uint32_t kMaxTransWords = 0xFFFF0000u;
-constexpr uint32_t kTargetBits = 0x3FFFFFFFu;
-constexpr uint32_t kOutputBit = 0x80000000u;
-constexpr uint32_t kDownBit = 0x40000000u;
-constexpr uint32_t kChainBit = 0x80000000u;
 
 struct file_closer {
     void operator()(std::FILE* f) const { std::fclose(f); }
 };
 using file_ptr = std::unique_ptr<std::FILE, file_closer>;
-
-uint32_t be32(const uint8_t* p) {
-    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
-}
-uint16_t be16(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 
 void words_to_host(uint32_t* w, size_t count) {
     if constexpr (std::endian::native == std::endian::little) {
@@ -100,20 +91,20 @@ std::unique_ptr<T[]> read_array(byte_source& src, uint64_t count) {
 
 void decode_header(xac_tables& tb) {
     const uint8_t* h = tb.header;
-    tb.flags_a = h[4];
-    tb.flags_b = h[5];
-    for (int c = 0; c < 256; ++c) tb.symbols[c] = be16(h + 16 + 2 * c);
-    tb.check_mask = be32(h + 528);
-    tb.state_shift = be32(h + 532) & 31;
-    tb.trans_count = be32(h + 552);
-    tb.hash_slots = be32(h + 556);
-    tb.hash_modulus = be32(h + 560);
-    tb.pattern_count = be32(h + 564);
-    tb.suffix_size = be32(h + 568);
-    tb.postfix_size = be32(h + 572);
-    tb.suffix_unit = static_cast<uint32_t>((tb.flags_a & 0x03) << 1 | tb.flags_b >> 7);
-    tb.anchored = (tb.flags_a & 0x20) != 0;
-    tb.has_patterns = (tb.flags_a & 0x1C) != 0;
+    tb.flags_a = h[XAC_FLAGS_A_AT];
+    tb.flags_b = h[XAC_FLAGS_B_AT];
+    for (int c = 0; c < 256; ++c) tb.symbols[c] = xdb_be16(h + XAC_SYMBOLS_AT + 2 * c);
+    tb.check_mask = xdb_be32(h + XAC_CHECK_MASK_AT);
+    tb.state_shift = xdb_be32(h + XAC_STATE_SHIFT_AT) & XAC_STATE_SHIFT_BITS;
+    tb.trans_count = xdb_be32(h + XAC_TRANS_COUNT_AT);
+    tb.hash_slots = xdb_be32(h + XAC_HASH_SLOTS_AT);
+    tb.hash_modulus = xdb_be32(h + XAC_HASH_MODULUS_AT);
+    tb.pattern_count = xdb_be32(h + XAC_PATTERN_COUNT_AT);
+    tb.suffix_size = xdb_be32(h + XAC_SUFFIX_SIZE_AT);
+    tb.postfix_size = xdb_be32(h + XAC_POSTFIX_SIZE_AT);
+    tb.suffix_unit = xac_suffix_unit(tb.flags_a, tb.flags_b);
+    tb.anchored = (tb.flags_a & XAC_A_ANCHORED) != 0;
+    tb.has_patterns = (tb.flags_a & XAC_A_TABLES) != 0;
 }
 
 // Walks everything the matcher can reach and refuses what would take it
@@ -136,7 +127,7 @@ public:
 private:
     enum : uint8_t { kSeen = 1, kOnPath = 2, kDone = 4 };
 
-    uint32_t target(uint32_t word) const { return (word & kTargetBits) >> tb_.state_shift; }
+    uint32_t target(uint32_t word) const { return xac_trans_target(word, tb_.state_shift); }
     uint32_t failure_of(uint32_t s) const {
         const uint32_t w = tb_.trans[s];
         return (w & tb_.check_mask) ? 0 : target(w);
@@ -159,7 +150,7 @@ private:
         for (uint32_t q = 0; q < tb_.hash_slots; ++q) {
             const uint32_t key = tb_.hash[2 * size_t{q}];
             if (key >= tb_.trans_count) continue;  // no transition index reaches it
-            const uint32_t home = static_cast<uint32_t>(key * 107u) % mod;
+            const uint32_t home = xac_hash_home(key, mod);
             if (home > q) continue;
             tb_.hash_probe_limit = std::max(tb_.hash_probe_limit, q - home);
             if (const char* why = check_chain(tb_.hash[2 * size_t{q} + 1])) return why;
@@ -170,10 +161,10 @@ private:
     const char* check_record(uint32_t rec) const {
         const uint32_t w0 = tb_.patterns[2 * size_t{rec}];
         const uint32_t w1 = tb_.patterns[2 * size_t{rec} + 1];
-        const uint32_t len = w1 >> 24;
-        const uint32_t off = w1 & 0xFFFFFF;
+        const uint32_t len = xac_rec_postfix_len(w1);
+        const uint32_t off = xac_rec_postfix_at(w1);
         if (len && uint64_t{off} + len > tb_.postfix_size) return "postfix outside its table";
-        const uint32_t k = (w0 >> 20) & 0x7F;
+        const uint32_t k = xac_rec_suffix(w0);
         const uint64_t unit = tb_.suffix_unit;
         if (k && unit && (uint64_t{k} + 1) * unit > tb_.suffix_size) return "suffix outside its table";
         return nullptr;
@@ -189,7 +180,7 @@ private:
             if (record_seen_[rec]) return nullptr;  // its chain was checked before
             record_seen_[rec] = 1;
             if (const char* why = check_record(static_cast<uint32_t>(rec))) return why;
-            if (!(tb_.patterns[2 * rec] & kChainBit)) return nullptr;
+            if (!xac_rec_chained(tb_.patterns[2 * rec])) return nullptr;
         }
     }
 
@@ -225,10 +216,10 @@ private:
                 const uint32_t t = target(x);
                 if (t < T) {
                     enqueue(t);
-                } else if (!(x & (kOutputBit | kDownBit))) {
+                } else if (!(x & (XAC_TRANS_OUTPUT | XAC_TRANS_DOWN))) {
                     return "transition target outside the transition table";
                 }
-                if (x & kOutputBit) {
+                if (x & XAC_TRANS_OUTPUT) {
                     if (const char* why = check_outputs(i)) return why;
                 }
             }
@@ -280,7 +271,7 @@ bool load_xac(byte_source& src, xac_tables& tb) {
         std::fputs("Failed to read xac header!\n", stderr);
         return false;
     }
-    if (block[0] != 1) {
+    if (block[XDB_BLOCK_TYPE_AT] != XDB_BLOCK_XAC) {
         std::fputs("This is not xac block!\n", stderr);
         return false;
     }
@@ -289,19 +280,19 @@ bool load_xac(byte_source& src, xac_tables& tb) {
         return false;
     }
     decode_header(tb);
-    if (be16(tb.header) != 0xE807) {
+    if (xdb_be16(tb.header + XAC_MAGIC_AT) != XAC_MAGIC) {
         std::fputs("Failed to check magic!\n", stderr);
         return false;
     }
-    if (tb.flags_a & 0x40) {
+    if (tb.flags_a & XAC_A_4X) {
         std::fprintf(stderr, "This xac file is %s format!\n", "4x");
         return false;
     }
-    if (tb.flags_b & 0x04) {
+    if (tb.flags_b & XAC_B_S2) {
         std::fputs("This scanner doesn't support S2!\n", stderr);
         return false;
     }
-    if (tb.flags_b & 0x02) {
+    if (tb.flags_b & XAC_B_CATEGORY) {
         std::fputs("This scanner doesn't support category field!\n", stderr);
         return false;
     }
@@ -357,11 +348,11 @@ void load_prefilter(byte_source& src, category_db& db) {
         std::fputs("Failed to read ip prefilter header!\n", stderr);
         return;
     }
-    if (block[0] != 2) {
+    if (block[XDB_BLOCK_TYPE_AT] != XDB_BLOCK_PREFILTER) {
         std::fputs("This is not ip prefilter block!\n", stderr);
         return;
     }
-    const uint32_t size = be32(block + 4);
+    const uint32_t size = xdb_be32(block + XDB_BLOCK_SIZE_AT);
     std::unique_ptr<uint8_t[]> bitmap(new (std::nothrow) uint8_t[XDB_PREFILTER_BYTES]());
     if (!bitmap) {
         std::fprintf(stderr, "Failed to allocate memory, L%d!\n", 113);

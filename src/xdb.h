@@ -6,23 +6,15 @@
 // immutable and any number of threads may match against them at once. The
 // loader converts every table to host byte order and refuses a file whose
 // tables could make the matcher read outside them, so the matcher trusts
-// the invariants listed on xac_tables.
+// the invariants listed on xac_tables. The lookups are declared in xac.h,
+// the byte layout in xdb_format.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
-// Called for an accepted match: (text, text length, 20-bit category id,
-// match end, match length, 0, argument). Its result is ignored by the
-// domain and address lookups, which stop at the first accepted match.
-using xac_match_fn = int (*)(const char* text, int len, uint32_t id, uint32_t end, int match_len,
-                             int zero, void* arg);
-
-inline constexpr size_t XDB_BLOCK_HEADER_SIZE = 12;
-inline constexpr size_t XAC_HEADER_SIZE = 576;
-// Prefilter bytes the matcher uses: one bit per first octet.
-inline constexpr size_t XDB_PREFILTER_BYTES = 32;
+#include "xdb_format.h"
 
 // One loaded xac block. Everything here is immutable once xdb_load returns.
 // Invariants established by the loader (the matcher relies on them):
@@ -104,19 +96,3 @@ using category_db_ptr = std::unique_ptr<category_db, category_db_deleter>;
 void xdb_release();
 // The process-wide category file, or null.
 const category_db* xdb_get();
-
-// 1 when a match was accepted (the handler has run), else 0; 0 when no file
-// is loaded.
-unsigned xdb_match_domain(const char* name, size_t len, xac_match_fn handler, void* arg);
-int xdb_match_ipv4(const char* text, xac_match_fn handler, void* arg);
-
-// The same lookups against a given file (null answers 0).
-unsigned category_db_match_domain(const category_db* db, const char* name, size_t len,
-                                  xac_match_fn handler, void* arg);
-int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn handler,
-                           void* arg);
-
-// The values the address lookup scans for `addr` (host order), most specific
-// first: the address with 0, 1, ... 24 low bits cleared, each distinct value
-// once. Returns how many were written (at most 25).
-int xdb_ipv4_prefixes(uint32_t addr, uint32_t out[25]);

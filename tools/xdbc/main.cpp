@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 
+#include "xac.h"
 #include "xdb.h"
 #include "xdbc.h"
 
@@ -92,10 +93,7 @@ int cmd_build(int argc, char** argv) {
     return 0;
 }
 
-uint32_t be32(const std::string& d, size_t at) {
-    return uint32_t{static_cast<uint8_t>(d[at])} << 24 | uint32_t{static_cast<uint8_t>(d[at + 1])} << 16 |
-           uint32_t{static_cast<uint8_t>(d[at + 2])} << 8 | static_cast<uint8_t>(d[at + 3]);
-}
+uint32_t be32(const std::string& d, size_t at) { return xdb_be32(reinterpret_cast<const uint8_t*>(d.data()) + at); }
 
 // Prints what the headers say, even for a file the loader refuses.
 int cmd_dump(const char* path) {
@@ -110,41 +108,44 @@ int cmd_dump(const char* path) {
         return 1;
     }
     const size_t h = XDB_BLOCK_HEADER_SIZE;
-    const uint8_t a = static_cast<uint8_t>(d[h + 4]), b = static_cast<uint8_t>(d[h + 5]);
-    const uint32_t T = be32(d, h + 552), H = be32(d, h + 556), N = be32(d, h + 564), S = be32(d, h + 568),
-                   P = be32(d, h + 572);
+    const uint8_t a = static_cast<uint8_t>(d[h + XAC_FLAGS_A_AT]), b = static_cast<uint8_t>(d[h + XAC_FLAGS_B_AT]);
+    const uint32_t T = be32(d, h + XAC_TRANS_COUNT_AT), H = be32(d, h + XAC_HASH_SLOTS_AT),
+                   N = be32(d, h + XAC_PATTERN_COUNT_AT), S = be32(d, h + XAC_SUFFIX_SIZE_AT),
+                   P = be32(d, h + XAC_POSTFIX_SIZE_AT);
     int alphabet = 0;
     uint32_t seen[65536 / 32] = {};
     for (int c = 0; c < 256; ++c) {
-        const uint32_t sym = uint32_t{static_cast<uint8_t>(d[h + 16 + 2 * c])} << 8 | static_cast<uint8_t>(d[h + 17 + 2 * c]);
+        const uint32_t sym = xdb_be16(reinterpret_cast<const uint8_t*>(d.data()) + h + XAC_SYMBOLS_AT + 2 * c);
         if (sym && !(seen[sym / 32] & 1u << (sym % 32))) {
             seen[sym / 32] |= 1u << (sym % 32);
             ++alphabet;
         }
     }
-    std::printf("block type:        %u\n", static_cast<uint8_t>(d[0]));
-    std::printf("magic:             0x%02X%02X\n", static_cast<uint8_t>(d[h]), static_cast<uint8_t>(d[h + 1]));
+    std::printf("block type:        %u\n", static_cast<uint8_t>(d[XDB_BLOCK_TYPE_AT]));
+    std::printf("magic:             0x%02X%02X\n", static_cast<uint8_t>(d[h + XAC_MAGIC_AT]),
+                static_cast<uint8_t>(d[h + XAC_MAGIC_AT + 1]));
     std::printf("flags:             A=0x%02X B=0x%02X\n", a, b);
-    std::printf("anchored:          %s\n", (a & 0x20) ? "yes" : "no");
-    std::printf("pattern tables:    %s\n", (a & 0x1C) ? "yes" : "no");
-    std::printf("suffix unit:       %u\n", static_cast<unsigned>((a & 3) << 1 | b >> 7));
+    std::printf("anchored:          %s\n", (a & XAC_A_ANCHORED) ? "yes" : "no");
+    std::printf("pattern tables:    %s\n", (a & XAC_A_TABLES) ? "yes" : "no");
+    std::printf("suffix unit:       %u\n", static_cast<unsigned>(xac_suffix_unit(a, b)));
     std::printf("alphabet:          %d symbols\n", alphabet);
-    std::printf("check mask:        0x%08X\n", be32(d, h + 528));
-    std::printf("state shift:       %u\n", be32(d, h + 532) & 31);
+    std::printf("check mask:        0x%08X\n", be32(d, h + XAC_CHECK_MASK_AT));
+    std::printf("state shift:       %u\n", be32(d, h + XAC_STATE_SHIFT_AT) & XAC_STATE_SHIFT_BITS);
     std::printf("transitions (T):   %u words, %llu bytes\n", T, 4ull * T);
-    std::printf("output hash (H):   %u slots, modulus %u, %llu bytes\n", H, be32(d, h + 560), 8ull * H);
+    std::printf("output hash (H):   %u slots, modulus %u, %llu bytes\n", H, be32(d, h + XAC_HASH_MODULUS_AT), 8ull * H);
     std::printf("patterns (N):      %u records, %llu bytes\n", N, 8ull * (uint64_t{N} + 1));
     std::printf("suffix table (S):  %u bytes\n", S);
     std::printf("postfix table (P): %u bytes\n", P);
 
     uint64_t at = h + XAC_HEADER_SIZE + 4 * (uint64_t{T} + 2 * uint64_t{H});
-    if (a & 0x1C) at += 8 * (uint64_t{N} + 1) + P + S;
-    if (at + XDB_BLOCK_HEADER_SIZE <= d.size() && d[at] == 2) {
-        const uint32_t size = be32(d, at + 4);
+    if (a & XAC_A_TABLES) at += 8 * (uint64_t{N} + 1) + P + S;
+    if (at + XDB_BLOCK_HEADER_SIZE <= d.size() && d[at + XDB_BLOCK_TYPE_AT] == XDB_BLOCK_PREFILTER) {
+        const uint32_t size = be32(d, at + XDB_BLOCK_SIZE_AT);
         std::printf("ip prefilter:      %u bytes, first octets:", size);
         for (uint32_t v = 0; v < 256 && v / 8 < size; ++v) {
-            const uint64_t byte = at + XDB_BLOCK_HEADER_SIZE + v / 8;
-            if (byte < d.size() && (static_cast<uint8_t>(d[byte]) & (0x80 >> (v & 7)))) std::printf(" %u", v);
+            const uint8_t octet = static_cast<uint8_t>(v);
+            const uint64_t byte = at + XDB_BLOCK_HEADER_SIZE + xdb_prefilter_byte(octet);
+            if (byte < d.size() && (static_cast<uint8_t>(d[byte]) & xdb_prefilter_bit(octet))) std::printf(" %u", v);
         }
         std::printf("\n");
     } else {

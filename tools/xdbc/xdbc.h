@@ -9,12 +9,14 @@
 #include <string_view>
 #include <vector>
 
+#include "xdb_format.h"
+
 namespace xdbc {
 
-inline constexpr uint32_t kMaxKey = 7;        // automaton bytes per pattern
-inline constexpr uint32_t kMaxPostfix = 255;  // postfix bytes per pattern
-inline constexpr uint32_t kMaxSuffixes = 127;
-inline constexpr uint32_t kMaxId = 0xFFFFF;
+inline constexpr uint32_t kMaxKey = XAC_REC_MAX_KEY;          // automaton bytes per pattern
+inline constexpr uint32_t kMaxPostfix = XAC_REC_MAX_POSTFIX;  // postfix bytes per pattern
+inline constexpr uint32_t kMaxSuffixes = XAC_REC_MAX_SUFFIX;
+inline constexpr uint32_t kMaxId = XAC_REC_MAX_ID;
 
 struct options {
     bool fold_case = false;    // the automaton part matches either letter case

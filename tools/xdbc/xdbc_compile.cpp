@@ -14,11 +14,6 @@
 namespace xdbc {
 namespace {
 
-constexpr uint32_t kOutputBit = 0x80000000u;
-constexpr uint32_t kDownBit = 0x40000000u;
-constexpr uint32_t kChainBit = 0x80000000u;
-constexpr uint32_t kEmptySlot = 0xFFFFFFFFu;
-constexpr uint32_t kMaxPostfixTable = 1u << 24;
 
 struct node {
     std::vector<std::pair<uint16_t, uint32_t>> kids;  // (symbol, node), sorted by symbol
@@ -34,13 +29,18 @@ struct node {
 
 std::string line_prefix(int line) { return line > 0 ? "line " + std::to_string(line) + ": " : ""; }
 
-void put16(std::vector<uint8_t>& out, uint32_t v) {
-    out.push_back(static_cast<uint8_t>(v >> 8));
-    out.push_back(static_cast<uint8_t>(v));
-}
 void put32(std::vector<uint8_t>& out, uint32_t v) {
-    put16(out, v >> 16);
-    put16(out, v & 0xFFFF);
+    uint8_t b[4];
+    xdb_put_be32(b, v);
+    out.insert(out.end(), b, b + 4);
+}
+
+// A block header of the given type and payload size.
+void put_block_header(std::vector<uint8_t>& out, uint8_t type, uint32_t size) {
+    uint8_t b[XDB_BLOCK_HEADER_SIZE] = {};
+    b[XDB_BLOCK_TYPE_AT] = type;
+    xdb_put_be32(b + XDB_BLOCK_SIZE_AT, size);
+    out.insert(out.end(), b, b + sizeof b);
 }
 
 class compiler {
@@ -225,10 +225,10 @@ private:
                     if (fresh) postfix_.insert(postfix_.end(), post.begin(), post.end());
                     off = it->second;
                 }
-                if (postfix_.size() > kMaxPostfixTable) return fail(error, "postfix texts exceed 16 MiB");
+                if (postfix_.size() > XAC_POSTFIX_TABLE_LIMIT) return fail(error, "postfix texts exceed 16 MiB");
                 const uint32_t suffix = l.has_suffix ? suffix_index_.at(t.substr(t.size() - opt_.suffix_unit)) : 0;
-                records_[2 * size_t{rec}] = (left > 1 ? kChainBit : 0) | l.key_len << 27 | suffix << 20 | pats_[j].id;
-                records_[2 * size_t{rec} + 1] = l.postfix_len << 24 | off;
+                records_[2 * size_t{rec}] = xac_rec_word0(left > 1, l.key_len, suffix, pats_[j].id);
+                records_[2 * size_t{rec} + 1] = xac_rec_word1(l.postfix_len, off);
             }
         }
         return true;
@@ -304,8 +304,8 @@ private:
                 const node& nv = nodes_[v];
                 const uint32_t idx = n.base + c;
                 const uint32_t target = nv.leaf ? trans_count_ + nv.first_rec : nv.base;
-                const uint32_t flags = (nv.pat_count ? kOutputBit : 0) | (nv.down ? kDownBit : 0);
-                trans_[idx] = flags | target << shift_ | c;
+                const uint32_t flags = (nv.pat_count ? XAC_TRANS_OUTPUT : 0) | (nv.down ? XAC_TRANS_DOWN : 0);
+                trans_[idx] = xac_trans_word(flags, target, shift_, c);
                 if (!nv.leaf && nv.pat_count) hashed_.emplace_back(idx, nv.first_rec);
             }
         }
@@ -319,11 +319,11 @@ private:
         std::sort(hashed_.begin(), hashed_.end());
         const auto keys = static_cast<uint32_t>(hashed_.size());
         modulus_ = keys + keys / 2 + 1;
-        slots_.assign(modulus_, {kEmptySlot, 0});
+        slots_.assign(modulus_, {XAC_HASH_EMPTY, 0});
         for (auto& [key, rec] : hashed_) {
-            size_t q = static_cast<uint32_t>(key * 107u) % modulus_;
-            while (q < slots_.size() && slots_[q].first != kEmptySlot) ++q;
-            if (q == slots_.size()) slots_.emplace_back(kEmptySlot, 0);
+            size_t q = xac_hash_home(key, modulus_);
+            while (q < slots_.size() && slots_[q].first != XAC_HASH_EMPTY) ++q;
+            if (q == slots_.size()) slots_.emplace_back(XAC_HASH_EMPTY, 0);
             slots_[q] = {key, rec};
         }
     }
@@ -332,31 +332,27 @@ private:
         const uint32_t unit = opt_.suffix_unit;
         const uint32_t suffix_size = suffixes_.empty() ? 0 : static_cast<uint32_t>((suffixes_.size() + 1) * unit);
         const auto slots = static_cast<uint32_t>(slots_.size());
-        const uint64_t payload = XAC_HEADER + 4 * (uint64_t{trans_count_} + 2 * slots) + records_.size() * 4 +
+        const uint64_t payload = XAC_HEADER_SIZE + 4 * (uint64_t{trans_count_} + 2 * slots) + records_.size() * 4 +
                                  postfix_.size() + suffix_size;
         std::vector<uint8_t>& f = out.file;
         f.clear();
-        f.reserve(payload + 2 * 12 + 32);
-        f.push_back(1);
-        f.insert(f.end(), 3, 0);
-        put32(f, static_cast<uint32_t>(payload));
-        put32(f, 0);
+        f.reserve(payload + 2 * XDB_BLOCK_HEADER_SIZE + XDB_PREFILTER_BYTES);
+        put_block_header(f, XDB_BLOCK_XAC, static_cast<uint32_t>(payload));
 
-        put16(f, 0xE807);
-        put16(f, 0);
-        f.push_back(static_cast<uint8_t>((opt_.anchored ? 0x20 : 0) | 0x1C | (unit >> 1 & 3)));
-        f.push_back(static_cast<uint8_t>((unit & 1) << 7));
-        f.insert(f.end(), 10, 0);
-        for (uint16_t s : symbols_) put16(f, s);
-        put32(f, mask_);
-        put32(f, shift_);
-        f.insert(f.end(), 16, 0);
-        put32(f, trans_count_);
-        put32(f, slots);
-        put32(f, modulus_);
-        put32(f, record_count_);
-        put32(f, suffix_size);
-        put32(f, static_cast<uint32_t>(postfix_.size()));
+        uint8_t h[XAC_HEADER_SIZE] = {};
+        xdb_put_be16(h + XAC_MAGIC_AT, XAC_MAGIC);
+        h[XAC_FLAGS_A_AT] = (opt_.anchored ? XAC_A_ANCHORED : 0) | XAC_A_TABLES | xac_unit_flags_a(unit);
+        h[XAC_FLAGS_B_AT] = xac_unit_flags_b(unit);
+        for (size_t c = 0; c < symbols_.size(); ++c) xdb_put_be16(h + XAC_SYMBOLS_AT + 2 * c, symbols_[c]);
+        xdb_put_be32(h + XAC_CHECK_MASK_AT, mask_);
+        xdb_put_be32(h + XAC_STATE_SHIFT_AT, shift_);
+        xdb_put_be32(h + XAC_TRANS_COUNT_AT, trans_count_);
+        xdb_put_be32(h + XAC_HASH_SLOTS_AT, slots);
+        xdb_put_be32(h + XAC_HASH_MODULUS_AT, modulus_);
+        xdb_put_be32(h + XAC_PATTERN_COUNT_AT, record_count_);
+        xdb_put_be32(h + XAC_SUFFIX_SIZE_AT, suffix_size);
+        xdb_put_be32(h + XAC_POSTFIX_SIZE_AT, static_cast<uint32_t>(postfix_.size()));
+        f.insert(f.end(), h, h + sizeof h);
 
         for (uint32_t w : trans_) put32(f, w);
         for (auto& [key, rec] : slots_) {
@@ -370,16 +366,12 @@ private:
             for (const std::string& s : suffixes_) f.insert(f.end(), s.begin(), s.end());
         }
 
-        f.push_back(2);
-        f.insert(f.end(), 3, 0);
-        put32(f, 32);
-        put32(f, 0);
-        for (int byte = 0; byte < 32; ++byte) {
-            uint8_t bits = 0;
-            for (int b = 0; b < 8; ++b)
-                if (prefilter[byte * 8 + b]) bits |= static_cast<uint8_t>(0x80 >> b);
-            f.push_back(bits);
-        }
+        put_block_header(f, XDB_BLOCK_PREFILTER, XDB_PREFILTER_BYTES);
+        uint8_t bitmap[XDB_PREFILTER_BYTES] = {};
+        for (int octet = 0; octet < 256; ++octet)
+            if (prefilter[octet])
+                bitmap[xdb_prefilter_byte(static_cast<uint8_t>(octet))] |= xdb_prefilter_bit(static_cast<uint8_t>(octet));
+        f.insert(f.end(), bitmap, bitmap + sizeof bitmap);
 
         out.layouts = layouts_;
         out.states = states_;
@@ -387,8 +379,6 @@ private:
         out.hash_slots = slots;
         out.records = record_count_;
     }
-
-    static constexpr uint64_t XAC_HEADER = 576;
 
     const options& opt_;
     const std::vector<pattern>& pats_;
