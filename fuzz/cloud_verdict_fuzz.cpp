@@ -19,14 +19,11 @@
 
 #include "fuzz_support.h"
 #include "qmx_db.h"
+#include "util/c_ptr.h"
 
 namespace {
 
 constexpr size_t kMaxInput = 1 << 16;
-
-struct json_deleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
 
 constexpr uint32_t kBuckets = 512;
 constexpr uint32_t kBucketsPerPass = 200;
@@ -39,7 +36,7 @@ int32_t fuzz_clock() { return g_now; }
 // and whose key could come from the kernel (a 256-byte field with its zero).
 // Returns the number of members.
 size_t make_keys_known(const std::string& text) {
-    std::unique_ptr<cJSON, json_deleter> root(cJSON_Parse(text.c_str()));
+    json_ptr root(cJSON_Parse(text.c_str()));
     const cJSON* r = cJSON_IsObject(root.get()) ? cJSON_GetObjectItemCaseSensitive(root.get(), "r") : nullptr;
     if (!cJSON_IsObject(r)) return 0;
     size_t members = 0;

@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "log.h"
+#include "util/c_ptr.h"
 
 namespace {
 
@@ -21,12 +22,6 @@ struct evp_ctx_deleter {
     void operator()(EVP_CIPHER_CTX* c) const { EVP_CIPHER_CTX_free(c); }
 };
 using evp_ctx_ptr = std::unique_ptr<EVP_CIPHER_CTX, evp_ctx_deleter>;
-
-struct free_deleter {
-    void operator()(void* p) const { free(p); }
-};
-template <typename T>
-using malloc_ptr = std::unique_ptr<T, free_deleter>;
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr unsigned char kBad = 255;

@@ -1,5 +1,6 @@
 #include "log.h"
 
+#include "util/c_ptr.h"
 #include "util/dir_chain.h"
 
 #include <fcntl.h>
@@ -30,11 +31,6 @@ constexpr uint32_t kMaxSize = 0x100000;  // the file is rotated once it is large
 constexpr size_t kDumpMax = 2048;
 constexpr size_t kNameMax = 128;
 constexpr mode_t kFileMode = 0640;  // log file and its backup: never world-readable
-
-struct file_closer {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
 
 }  // namespace
 

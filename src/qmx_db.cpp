@@ -16,6 +16,7 @@
 
 #include "log.h"
 #include "qmxsrv_ctx.h"
+#include "util/c_ptr.h"
 #include "zor_ctrl.h"
 
 struct verdict_entry : hash_entry_t {
@@ -187,10 +188,6 @@ void store_member(const cJSON* member) {
     db_put(e);
 }
 
-struct cjson_deleter {
-    void operator()(cJSON* p) const { cJSON_Delete(p); }
-};
-
 }  // namespace
 
 int db_init() {
@@ -315,7 +312,7 @@ int db_should_query(verdict_entry* e) {
 int db_add_reply(const char* text) {
     if (!state().running.load()) return 40;
     if (!text || !*text) return 5;
-    std::unique_ptr<cJSON, cjson_deleter> root(cJSON_Parse(text));
+    json_ptr root(cJSON_Parse(text));
     if (!root) {
         LOG_E("QMX_WRONG_JSON");
         return 3;

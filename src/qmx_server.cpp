@@ -23,6 +23,7 @@
 #include "qmx_db.h"
 #include "qmx_nlu.h"
 #include "qmxsrv_ctx.h"
+#include "util/c_ptr.h"
 #include "util/list.h"
 #include "xac.h"
 #include "xdb.h"
@@ -271,13 +272,6 @@ void announce_main(qmx_srv* s) {
 
 // ---- query sender ----
 
-struct cjson_deleter {
-    void operator()(cJSON* p) const { cJSON_Delete(p); }
-};
-struct free_deleter {
-    void operator()(char* p) const { free(p); }
-};
-
 // Takes up to kBatchSize keys, newest first, into "q".
 int take_batch(qmx_srv* s, cJSON* q) {
     int n = 0;
@@ -298,14 +292,14 @@ int take_batch(qmx_srv* s, cJSON* q) {
 }
 
 void send_batch(qmx_srv* s) {
-    std::unique_ptr<cJSON, cjson_deleter> root(cJSON_CreateObject());
+    json_ptr root(cJSON_CreateObject());
     cJSON* q = root ? cJSON_AddArrayToObject(root.get(), "q") : nullptr;
     if (!q) return;
     int n = take_batch(s, q);
     // A disabled cloud or a session that is not ready drops the batch;
     // nothing is retried here.
     if (n == 0 || qmxsrv_ctx.cloud_enabled.load() == 0 || !cloud_ready()) return;
-    std::unique_ptr<char, free_deleter> text(cJSON_PrintUnformatted(root.get()));
+    json_text text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
     LOG_D("Send query: %s", text.get());
     size_t reply_size = 0;

@@ -19,6 +19,7 @@
 #include "log.h"
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
+#include "util/c_ptr.h"
 #include "util/cmd_runner.h"
 
 namespace {
@@ -36,11 +37,6 @@ constexpr size_t kMaxServers = 8;
 constexpr int64_t kMaxTtl = 0x7fffffff;  // token lifetimes are clamped to this
 
 std::atomic<int64_t> retry_ms{30000};
-
-struct json_deleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-using json_ptr = std::unique_ptr<cJSON, json_deleter>;
 
 // One successful login. Immutable once published as `current`.
 struct zor_auth {

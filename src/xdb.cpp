@@ -12,6 +12,8 @@
 #include <new>
 #include <vector>
 
+#include "util/c_ptr.h"
+
 namespace {
 
 // Non-regular inputs (pipes, devices) are read into memory first, up to
@@ -19,11 +21,6 @@ namespace {
 constexpr size_t kMaxStreamBytes = size_t{256} << 20;
 // Keeps state + symbol inside 32 bits in the matcher.
 constexpr uint32_t kMaxTransWords = 0xFFFF0000u;
-
-struct file_closer {
-    void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using file_ptr = std::unique_ptr<std::FILE, file_closer>;
 
 void words_to_host(uint32_t* w, size_t count) {
     if constexpr (std::endian::native == std::endian::little) {

@@ -28,20 +28,11 @@
 #include "pctrl/pctrl_scheduler.h"
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
+#include "util/c_ptr.h"
 #include "util/group_id.h"
 #include "util/unique_fd.h"
 
 namespace {
-
-struct json_deleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-using json_ptr = std::unique_ptr<cJSON, json_deleter>;
-
-struct json_text_deleter {
-    void operator()(char* p) const { cJSON_free(p); }
-};
-using json_text = std::unique_ptr<char, json_text_deleter>;
 
 constexpr size_t kReceiveArea = 512;
 

@@ -15,24 +15,12 @@
 #include <mutex>
 
 #include "log.h"
+#include "util/c_ptr.h"
 #include "util/strutil.h"
 
 namespace {
 
-struct file_closer {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
-struct json_deleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-using json_ptr = std::unique_ptr<cJSON, json_deleter>;
-
-struct free_deleter {
-    void operator()(char* p) const { free(p); }
-};
-using text_ptr = std::unique_ptr<char, free_deleter>;
+using text_ptr = malloc_ptr<char>;
 
 std::mutex clock_lock;
 std::function<time_t()> clock_fn;  // covered by clock_lock; empty means time()

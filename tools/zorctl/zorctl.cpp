@@ -26,6 +26,7 @@
 
 #include "ini.h"
 #include "ipc/ipc_server.h"
+#include "util/c_ptr.h"
 #include "util/unique_fd.h"
 
 namespace {
@@ -39,11 +40,6 @@ enum exit_code {
 };
 
 constexpr int kDefaultTimeoutSeconds = 30;
-
-struct json_deleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-using json_ptr = std::unique_ptr<cJSON, json_deleter>;
 
 struct options {
     std::string socket_path;
