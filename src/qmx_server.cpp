@@ -1,6 +1,7 @@
 #include "qmx_server.h"
 
 #include <cjson/cJSON.h>
+#include <inttypes.h>
 #ifdef __GLIBC__
 #include <malloc.h>  // malloc_trim
 #endif
@@ -10,7 +11,6 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -25,6 +25,7 @@
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
 #include "util/list.h"
+#include "util/wall_clock.h"
 #include "xac.h"
 #include "xdb.h"
 #include "zor_ctrl.h"
@@ -102,8 +103,6 @@ struct qmx_srv {
 
 std::atomic<qmx_srv*> g_srv{nullptr};
 std::atomic<int64_t> g_trigger_ms{10000};
-
-unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
 
 bool is_domain(uint32_t type, uint32_t len) { return type == kTypeDomain && len == kDomainField; }
 
@@ -189,15 +188,15 @@ bool answer_from_cache(qmx_srv* s, const queued_event& ev) {
 // Looks the report up; true when it asks for the pending keys to go out now
 // (flag bit 0 on a report no verdict answered).
 bool process_event(qmx_srv* s, const queued_event& ev) {
-    const unsigned now = now_seconds();
+    const int64_t now = now_seconds();
     const int type = static_cast<int>(ev.data_type);
     match_ctx m{s, &ev};
     bool known = true;
     if (is_domain(ev.data_type, ev.data_len)) {
-        LOG_D("[%u] %d dn %s", now, type, ev.text.c_str());
+        LOG_D("[%" PRId64 "] %d dn %s", now, type, ev.text.c_str());
         if (xdb_match_domain(ev.text.c_str(), ev.text.size(), match_notifier, &m) != 0) return false;
     } else if (is_address(ev.data_type, ev.data_len)) {
-        LOG_D("[%u] %d ip %s", now, type, ev.text.c_str());
+        LOG_D("[%" PRId64 "] %d ip %s", now, type, ev.text.c_str());
         if (xdb_match_ipv4(ev.text.c_str(), match_notifier, &m) != 0) return false;
     } else {
         known = false;
@@ -351,13 +350,13 @@ void trigger_main(qmx_srv* s) {
     LOG_D("Start thread: routine trigger to query worker per %d seconds",
           static_cast<int>(s->trigger_period.count() / 1000));
     if (!trigger_sleep(s)) return;
-    LOG_D("[%u] trigger -> talvo query", now_seconds());
+    LOG_D("[%" PRId64 "] trigger -> talvo query", now_seconds());
     while (s->running.load()) {
         // Only while nothing is pending: kept as the product has always
         // behaved; pending keys go out on a flagged report instead.
         if (list_count(s->query_list) == 0) wake_sender(s);
         if (!trigger_sleep(s)) return;
-        LOG_D("[%u] trigger -> talvo query", now_seconds());
+        LOG_D("[%" PRId64 "] trigger -> talvo query", now_seconds());
     }
 }
 

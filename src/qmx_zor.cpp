@@ -7,7 +7,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -21,6 +20,7 @@
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
 #include "util/cmd_runner.h"
+#include "util/wall_clock.h"
 
 namespace {
 
@@ -95,10 +95,6 @@ std::shared_ptr<zor_session> get_session() {
     return the_session;
 }
 
-long now_seconds() {
-    return static_cast<long>(time(nullptr));
-}
-
 const char* or_empty(const char* s) {
     return s ? s : "";
 }
@@ -167,7 +163,7 @@ std::shared_ptr<zor_auth> make_auth(const std::string& body) {
     if (!reply) return nullptr;
     auto a = std::make_shared<zor_auth>();
     a->ttl = reply->ttl;
-    a->start_time = now_seconds();
+    a->start_time = static_cast<long>(now_seconds());
     a->exp_time = a->start_time + a->ttl;
     a->key = std::move(reply->key);
     a->cipher.reset(cipher_new(reinterpret_cast<const unsigned char*>(a->key.data()),

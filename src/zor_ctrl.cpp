@@ -1,18 +1,19 @@
 #include "zor_ctrl.h"
 
 #include <fcntl.h>
+#include <inttypes.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
 #include <mutex>
 
 #include "log.h"
 #include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
 #include "util/unique_fd.h"
+#include "util/wall_clock.h"
 
 namespace {
 
@@ -29,8 +30,6 @@ std::mutex g_file_lock;
 std::string g_file = ZOR_CTRL_FILE;  // covered by g_file_lock
 
 bool use_shell() { return qmxsrv_ctx.ctrl_shell.load(std::memory_order_relaxed) == 1; }
-
-unsigned now_seconds() { return static_cast<unsigned>(time(nullptr)); }
 
 // A command ready to go: the text the module should receive and, in the
 // shell channel, the line that sends it. `what` is what the logs show.
@@ -135,7 +134,7 @@ int zor_notify_u2k(int type, const char* key) {
     if (!words_ok("u2k", {key})) return -1;
     command cmd{format("db key2group u2k %d %s", type, key)};
     if (!prepare(cmd, kShellLineSize)) return -1;
-    LOG_D("[%u] %s", now_seconds(), cmd.what().c_str());
+    LOG_D("[%" PRId64 "] %s", now_seconds(), cmd.what().c_str());
     return send(cmd);
 }
 
@@ -144,7 +143,7 @@ int zor_notify_db_group(int source, int type, const char* key, int ttl, int grou
     if (!words_ok("update", {key})) return -1;
     command cmd{format("db key2group update %d %d %s %d %d %d", source, type, key, ttl, group, sub_group)};
     if (!prepare(cmd, kShellLineSize)) return -1;
-    LOG_D("[%u] zor_notify_db_group %s", now_seconds(), cmd.what().c_str());
+    LOG_D("[%" PRId64 "] zor_notify_db_group %s", now_seconds(), cmd.what().c_str());
     return send(cmd);
 }
 
