@@ -310,13 +310,3 @@ void ini_print_values(const ini_t* ini, FILE* out, const char* key) {
         if (k) fprintf(out, "%s\n", k->value ? k->value->c_str() : "");
     });
 }
-
-int ini_str_cmp_nocase(const char* a, const char* b) {
-    if (!a || !b) return 1;
-    if (a == b) return 0;
-    for (;; ++a, ++b) {
-        int ca = tolower(static_cast<unsigned char>(*a));
-        int cb = tolower(static_cast<unsigned char>(*b));
-        if (ca != cb || ca == 0) return ca - cb;
-    }
-}

@@ -106,7 +106,3 @@ void ini_dump(const ini_t* ini, FILE* out);
 void ini_print_sections(const ini_t* ini, FILE* out, const char* key, const char* value);
 // The value of `key` ("%s\n") in each named section that has it.
 void ini_print_values(const ini_t* ini, FILE* out, const char* key);
-
-// Case-insensitive comparison: 1 when either side is null, 0 for the same
-// pointer, else the difference of the first differing lower-cased bytes.
-int ini_str_cmp_nocase(const char* a, const char* b);

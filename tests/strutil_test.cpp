@@ -17,11 +17,17 @@ std::string take(char* p) {  // frees a malloc'd result
     return s;
 }
 
-// Null inputs and the edges of the number and hex helpers (a few
+// Null inputs, the compares and the edges of the number and hex helpers (a few
 // representative rows; the rule reader's tests cover its digit checks).
 TEST(StrUtil, NullsAndNumberEdges) {
     EXPECT_EQ(str_cmp_safe(nullptr, nullptr), 0);
     EXPECT_TRUE(str_cmp_safe(nullptr, "x") == 1 && str_cmp_safe("x", nullptr) == 1);
+    struct { const char* a; const char* b; int sign; } nocase[] = {
+        {"Example.COM", "example.com", 0}, {"abc", "ABD", -1}, {"b", "A", 1}, {nullptr, nullptr, 0}, {nullptr, "x", 1}, {"x", nullptr, 1}};
+    for (const auto& c : nocase) {
+        const int r = str_cmp_nocase(c.a, c.b);
+        EXPECT_EQ((r > 0) - (r < 0), c.sign) << (c.a ? c.a : "(null)") << " vs " << (c.b ? c.b : "(null)");
+    }
     for (auto [text, want] : {std::pair<const char*, int>{"", 1}, {"0123456789", 1}, {"-1", 0}, {"12a", 0}, {nullptr, 0}})
         EXPECT_EQ(str_is_digits(text), want) << (text ? text : "(null)");
     EXPECT_TRUE(str_to_int("  \t-17x") == -17 && str_to_int("99999999999") == INT_MAX && str_to_int("-99999999999") == INT_MIN);
