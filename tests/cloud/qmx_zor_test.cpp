@@ -22,13 +22,16 @@ using zor_test::eventually;
 using nodes = std::vector<int>;
 
 constexpr auto kRetry = 150ms;
+// The bound on waiting for a login round or a query: generous, for a loaded
+// machine running this under a sanitizer; a wait ends when its event comes.
+constexpr auto kPatience = 60s;
 const char kQuery[] = R"({"q":[[20,"www.example.com",0,0],[20,"unknown.test",0,0]]})";
 const std::optional<std::string> kReply = R"({"r":{"www.example.com":[20,0,0,24,3,4],"unknown.test":[20,0,0,1,0,0]}})";
 
 // The wait the maintainer decided after its n-th round.
 std::optional<zor_wait_note> wait_after_round(uint64_t n) {
     std::optional<zor_wait_note> w;
-    eventually([&] { return (w = zor_last_wait()) && w->round >= n; });
+    eventually([&] { return (w = zor_last_wait()) && w->round >= n; }, kPatience);
     return w;
 }
 
@@ -150,7 +153,7 @@ TEST_F(Session, LoginPingAndQueryExchangesArePinned) {
     script("query 0 times 1 error 503 7");
     ASSERT_EQ(start_session(), 1);
     EXPECT_EQ(start_session(), 0);  // one session at a time
-    ASSERT_TRUE(eventually(zor_ready));
+    ASSERT_TRUE(eventually(zor_ready, kPatience));
     int32_t start = 0, exp = 0;
     std::string id;
     ASSERT_EQ(zor_session_info(&start, &exp, &id), 1);
@@ -194,7 +197,7 @@ TEST_F(Session, RefusedTokenOrReloginBringsANewToken) {
     EXPECT_FALSE(zor_query(kQuery));
     EXPECT_EQ(nodes_of("query"), nodes{0});
     ASSERT_TRUE(wait_after_round(2));
-    ASSERT_TRUE(eventually(zor_ready));
+    ASSERT_TRUE(eventually(zor_ready, kPatience));
     EXPECT_EQ(zor_query(kQuery), kReply);
     EXPECT_FALSE(zor_query(nullptr));
     EXPECT_EQ(nodes_of("query"), (nodes{0, 0}));
@@ -225,7 +228,7 @@ TEST_F(Session, PingsAndQueriesMoveOnOverErrorsAndTimeOuts) {
     // moves on, and so do three time-outs; two are retried on the same server.
     script("ping 0 error 503 7\nping 1 error 503 7\nquery 2 times 1 error 503 7\nquery 0 times 1 error 503 7");
     ASSERT_EQ(start_session(), 1);
-    ASSERT_TRUE(eventually(zor_ready));
+    ASSERT_TRUE(eventually(zor_ready, kPatience));
     EXPECT_EQ(nodes_of("ping"), (nodes{0, 1, 2}));
     EXPECT_EQ(zor_query(kQuery), kReply);
     EXPECT_EQ(nodes_of("query"), (nodes{2, 0, 1}));
@@ -248,16 +251,16 @@ TEST_F(Session, ReleaseIsPromptDuringALoginOrAQuery) {
     };
     script("login delay 30000");
     ASSERT_EQ(start_session(), 1);
-    ASSERT_TRUE(eventually([&] { return sim.count("login") == 1; }));
+    ASSERT_TRUE(eventually([&] { return sim.count("login") == 1; }, kPatience));
     EXPECT_LT(timed_release(), 1500ms);
     EXPECT_FALSE(zor_ready());
 
     script("query * delay 30000");
     ASSERT_EQ(start_session(), 1);
-    ASSERT_TRUE(eventually(zor_ready));
+    ASSERT_TRUE(eventually(zor_ready, kPatience));
     std::optional<std::string> reply = "unset";
     std::thread t([&] { reply = zor_query(kQuery); });
-    EXPECT_TRUE(eventually([&] { return sim.count("query") == 1; }));
+    EXPECT_TRUE(eventually([&] { return sim.count("query") == 1; }, kPatience));
     EXPECT_LT(timed_release(), 1500ms);
     t.join();
     EXPECT_FALSE(reply);

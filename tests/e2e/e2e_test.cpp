@@ -75,7 +75,7 @@ void EndToEnd::keys_are_answered(bool shell) {
                             "db key2group update 1 20 nobody.example 86400 0 0"};
     for (const std::string& v : verdicts) EXPECT_TRUE(w.wait_ctrl(v)) << v << "\n" << testing::PrintToString(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "www.news.example", "flags=1"}), 0);
-    ASSERT_TRUE(zor_test::eventually([&] { return w.ctrl_count(verdicts[0]) == 2; }, 20s)) << testing::PrintToString(w.ctrl_lines());
+    ASSERT_TRUE(zor_test::eventually([&] { return w.ctrl_count(verdicts[0]) == 2; }, kWorldWait)) << testing::PrintToString(w.ctrl_lines());
     ASSERT_EQ(w.kernsim({"domain", "fence.example", "flags=1"}), 0);
     ASSERT_TRUE(w.wait_ctrl("db key2group update 1 20 fence.example 86400 0 0")) << testing::PrintToString(w.ctrl_lines());
     // The order inside a query is the order the worker took the reports

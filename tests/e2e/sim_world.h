@@ -39,6 +39,13 @@ struct world_config {
     bool squat = false;                     // a socket of the test holds the service's pid as netlink port
 };
 
+// How long a test waits for something the service owes it (a control line,
+// a login, a query): long enough for a loaded 2-core machine running the
+// service under a sanitizer, where every command line still costs a shell.
+// A wait ends as soon as what it waits for is there, so a passing test
+// takes no longer for it.
+inline constexpr std::chrono::seconds kWorldWait{120};
+
 // The service under test: ZOR_E2E_SERVICE from the environment, or this build's.
 std::string service_binary();
 
@@ -57,7 +64,7 @@ public:
     // `session`, up to a held cloud login, waiting at most `slow`). False
     // with `err` set when that failed.
     bool start(const world_config& cfg, std::string& err,
-               std::chrono::milliseconds slow = std::chrono::seconds(20));
+               std::chrono::milliseconds slow = kWorldWait);
 
     pid_t pid() const { return pid_; }
     // The service's netlink port: its pid, or with `squat` the port it
@@ -82,7 +89,7 @@ public:
     // RssAnon of the service in KiB; -1 when it is gone.
     long rss_anon_kb() const;
 
-    bool wait_ctrl(const std::string& line, std::chrono::milliseconds timeout = std::chrono::seconds(20)) const;
+    bool wait_ctrl(const std::string& line, std::chrono::milliseconds timeout = kWorldWait) const;
 
     // Runs kernsim (its commands and options after -p) or zorctl against the
     // service; the exit status. Output goes to kernsim.out / zorctl.out.
@@ -124,7 +131,7 @@ protected:
     void SetUp() override;
     // Starts `world` against the cloud simulator, trusting its certificate.
     testing::AssertionResult start(sim_world& world, world_config cfg,
-                                   std::chrono::milliseconds slow = std::chrono::seconds(20));
+                                   std::chrono::milliseconds slow = kWorldWait);
 
     cloudsim::simulator cloud;
     sim_world w;

@@ -21,7 +21,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kValgrind = "/usr/bin/valgrind";
 constexpr int kValgrindError = 97;
-constexpr auto kSlow = 90s;  // everything is some ten times slower under memcheck
+constexpr auto kSlow = 2 * kWorldWait;  // everything is some ten times slower under memcheck
 
 enum class ending { ipc_exit, sigterm, refused_account, bad_category_file };
 
