@@ -1,5 +1,5 @@
 // Category file compiler: turns domain patterns and IPv4 prefixes with their
-// category ids into the file the service loads (see src/xdb.h). Single
+// category ids into the file the service loads (see src/xdb_format.h). Single
 // threaded; every call is self-contained and reports problems as text.
 #pragma once
 
