@@ -186,7 +186,7 @@ struct line_writer {
 
 // One conversion of the format: its text with '*' widths filled in.
 struct conversion {
-    char spec[48];
+    char text[48];
     size_t len = 0;
     bool left = false;
     int width = -1;
@@ -200,8 +200,8 @@ struct conversion {
 bool parse_conversion(const char* fmt, size_t* i, va_list& ap, conversion* c) {
     auto put = [c](const char* t) {
         size_t n = strlen(t);
-        if (c->len + n >= sizeof c->spec) return false;
-        memcpy(c->spec + c->len, t, n + 1);
+        if (c->len + n >= sizeof c->text) return false;
+        memcpy(c->text + c->len, t, n + 1);
         c->len += n;
         return true;
     };
@@ -265,25 +265,25 @@ int format_value(char* out, size_t cap, const conversion& c, va_list& ap) {
     const std::string_view len(c.length);
     switch (c.conv) {
         case 'd': case 'i':
-            if (len == "hh" || len == "h" || len.empty()) return snprintf(out, cap, c.spec, va_arg(ap, int));
-            if (len == "l") return snprintf(out, cap, c.spec, va_arg(ap, long));
-            if (len == "ll" || len == "q") return snprintf(out, cap, c.spec, va_arg(ap, long long));
-            if (len == "z") return snprintf(out, cap, c.spec, va_arg(ap, ssize_t));
-            if (len == "j") return snprintf(out, cap, c.spec, va_arg(ap, intmax_t));
-            if (len == "t") return snprintf(out, cap, c.spec, va_arg(ap, ptrdiff_t));
+            if (len == "hh" || len == "h" || len.empty()) return snprintf(out, cap, c.text, va_arg(ap, int));
+            if (len == "l") return snprintf(out, cap, c.text, va_arg(ap, long));
+            if (len == "ll" || len == "q") return snprintf(out, cap, c.text, va_arg(ap, long long));
+            if (len == "z") return snprintf(out, cap, c.text, va_arg(ap, ssize_t));
+            if (len == "j") return snprintf(out, cap, c.text, va_arg(ap, intmax_t));
+            if (len == "t") return snprintf(out, cap, c.text, va_arg(ap, ptrdiff_t));
             return -1;
         case 'u': case 'o': case 'x': case 'X':
-            if (len == "hh" || len == "h" || len.empty()) return snprintf(out, cap, c.spec, va_arg(ap, unsigned));
-            if (len == "l") return snprintf(out, cap, c.spec, va_arg(ap, unsigned long));
-            if (len == "ll" || len == "q") return snprintf(out, cap, c.spec, va_arg(ap, unsigned long long));
-            if (len == "z") return snprintf(out, cap, c.spec, va_arg(ap, size_t));
-            if (len == "j") return snprintf(out, cap, c.spec, va_arg(ap, uintmax_t));
-            if (len == "t") return snprintf(out, cap, c.spec, va_arg(ap, ptrdiff_t));
+            if (len == "hh" || len == "h" || len.empty()) return snprintf(out, cap, c.text, va_arg(ap, unsigned));
+            if (len == "l") return snprintf(out, cap, c.text, va_arg(ap, unsigned long));
+            if (len == "ll" || len == "q") return snprintf(out, cap, c.text, va_arg(ap, unsigned long long));
+            if (len == "z") return snprintf(out, cap, c.text, va_arg(ap, size_t));
+            if (len == "j") return snprintf(out, cap, c.text, va_arg(ap, uintmax_t));
+            if (len == "t") return snprintf(out, cap, c.text, va_arg(ap, ptrdiff_t));
             return -1;
         case 'e': case 'E': case 'f': case 'F': case 'g': case 'G': case 'a': case 'A':
-            if (len == "L") return snprintf(out, cap, c.spec, va_arg(ap, long double));
-            return snprintf(out, cap, c.spec, va_arg(ap, double));
-        case 'p': return snprintf(out, cap, c.spec, va_arg(ap, void*));
+            if (len == "L") return snprintf(out, cap, c.text, va_arg(ap, long double));
+            return snprintf(out, cap, c.text, va_arg(ap, double));
+        case 'p': return snprintf(out, cap, c.text, va_arg(ap, void*));
         default: return -1;
     }
 }
