@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -128,24 +129,17 @@ void wake_sender(qmx_srv* s) { notify_flag(s->query_lock, s->query_cond, &s->que
 
 // ---- event worker ----
 
-struct match_ctx {
-    qmx_srv* srv;
-    const queued_event* ev;
-};
-
-int match_notifier(const char* text, int len, uint32_t id, uint32_t end, int match_len, int zero,
-                   void* arg) {
-    const auto* m = static_cast<const match_ctx*>(arg);
-    const int group = static_cast<int>((id >> 8) & 0xFF);
-    const int sub_group = static_cast<int>(id & 0xFF);
-    LOG_D("  *match4 -> text: %.*s (%d), id:%d(%d, %d), match: %u / %d\n", len, text, len,
-          static_cast<int>(id), group, sub_group, end, match_len);
-    const uint32_t type = m->ev->data_type;
-    if (m->srv->running.load() && type >= kTypeDomain && type <= kTypeAddrAlt) {
-        zor_notify_db_group(2, static_cast<int>(type), m->ev->text.c_str(), 86400, group,
-                            sub_group);
+// Tells the kernel the category the file gave the report's key.
+void announce_match(qmx_srv* s, const queued_event& ev, const xdb_match& m) {
+    const int group = static_cast<int>((m.id >> 8) & 0xFF);
+    const int sub_group = static_cast<int>(m.id & 0xFF);
+    LOG_D("  *match4 -> text: %s (%d), id:%d(%d, %d), match: %u / %d\n", ev.text.c_str(),
+          static_cast<int>(ev.text.size()),
+          static_cast<int>(m.id), group, sub_group, m.end, m.len);
+    const uint32_t type = ev.data_type;
+    if (s->running.load() && type >= kTypeDomain && type <= kTypeAddrAlt) {
+        zor_notify_db_group(2, static_cast<int>(type), ev.text.c_str(), 86400, group, sub_group);
     }
-    return 1;
 }
 
 // Queues a cloud query for the key when the cache says one is due.
@@ -190,16 +184,20 @@ bool answer_from_cache(qmx_srv* s, const queued_event& ev) {
 bool process_event(qmx_srv* s, const queued_event& ev) {
     const int64_t now = now_seconds();
     const int type = static_cast<int>(ev.data_type);
-    match_ctx m{s, &ev};
+    std::optional<xdb_match> m;
     bool known = true;
     if (is_domain(ev.data_type, ev.data_len)) {
         LOG_D("[%" PRId64 "] %d dn %s", now, type, ev.text.c_str());
-        if (xdb_match_domain(ev.text.c_str(), ev.text.size(), match_notifier, &m) != 0) return false;
+        m = xdb_match_domain(ev.text.c_str(), ev.text.size());
     } else if (is_address(ev.data_type, ev.data_len)) {
         LOG_D("[%" PRId64 "] %d ip %s", now, type, ev.text.c_str());
-        if (xdb_match_ipv4(ev.text.c_str(), match_notifier, &m) != 0) return false;
+        m = xdb_match_ipv4(ev.text.c_str());
     } else {
         known = false;
+    }
+    if (m) {
+        announce_match(s, ev, *m);
+        return false;
     }
     if (known && answer_from_cache(s, ev)) return false;
     return (ev.flags & 1u) != 0;

@@ -321,26 +321,26 @@ unsigned run(xac_scanner* sc, const uint8_t* t, uint32_t n) {
     return r;
 }
 
+// The lookups' filters: the first record the rule accepts is kept and ends
+// the scan.
 struct filter_target {
-    xac_match_fn handler;
-    void* arg;
+    std::optional<xdb_match> found;
+    uint32_t value = 0;  // address lookup: the prefix being scanned
 };
 
-// The domain lookup's filter around the caller's handler.
-int domain_filter(const char* t, int n, uint32_t id, uint32_t e, int m, int zero, void* arg) {
+int domain_filter(const char* t, int n, uint32_t id, uint32_t e, int m, int, void* arg) {
     if (m <= 0 || !on_label_boundaries(reinterpret_cast<const uint8_t*>(t), static_cast<uint32_t>(n), e,
                                        static_cast<uint32_t>(m)))
         return 0;
-    auto* to = static_cast<filter_target*>(arg);
-    if (to->handler) to->handler(t, n, id, e, m, zero, to->arg);
+    static_cast<filter_target*>(arg)->found = xdb_match{id, e, m, 0};
     return 1;
 }
 
 // An address match must start at the first byte.
-int prefix_filter(const char* t, int n, uint32_t id, uint32_t e, int m, int zero, void* arg) {
+int prefix_filter(const char*, int, uint32_t id, uint32_t e, int m, int, void* arg) {
     if (m <= 0 || e != static_cast<uint32_t>(m)) return 0;
     auto* to = static_cast<filter_target*>(arg);
-    if (to->handler) to->handler(t, n, id, e, m, zero, to->arg);
+    to->found = xdb_match{id, e, m, to->value};
     return 1;
 }
 
@@ -379,14 +379,14 @@ unsigned xac_scan(xac_scanner* sc, const char* text, size_t len) {
     return sc->tables->anchored ? run<true>(sc, t, n) : run<false>(sc, t, n);
 }
 
-unsigned category_db_match_domain(const category_db* db, const char* name, size_t len, xac_match_fn handler,
-                                  void* arg) {
-    if (!db || !db->tables || !name) return 0;
-    filter_target to{handler, arg};
+std::optional<xdb_match> category_db_match_domain(const category_db* db, const char* name, size_t len) {
+    if (!db || !db->tables || !name) return std::nullopt;
+    filter_target to;
     xac_scanner sc;  // NOLINT: initialised field by field below
     xac_scanner_init(&sc, db->tables.get(), domain_filter, &to, 0);
     sc.rule = xac_accept::label_boundaries;
-    return xac_scan(&sc, name, len);
+    xac_scan(&sc, name, len);
+    return to.found;
 }
 
 int xdb_ipv4_prefixes(uint32_t addr, uint32_t out[25]) {
@@ -398,14 +398,14 @@ int xdb_ipv4_prefixes(uint32_t addr, uint32_t out[25]) {
     return count;
 }
 
-int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn handler, void* arg) {
-    if (!db || !db->tables) return 0;
+std::optional<xdb_match> category_db_match_ipv4(const category_db* db, const char* text) {
+    if (!db || !db->tables) return std::nullopt;
     uint8_t b[4] = {0, 0, 0, 0};
     if (!text || inet_pton(AF_INET, text, b) != 1) std::memset(b, 0, sizeof b);
     const uint8_t* filter = db->prefilter.get();
-    if (!filter || !xdb_prefilter_has(filter, b[0])) return 0;
+    if (!filter || !xdb_prefilter_has(filter, b[0])) return std::nullopt;
 
-    filter_target to{handler, arg};
+    filter_target to;
     xac_scanner sc;
     xac_scanner_init(&sc, db->tables.get(), prefix_filter, &to, 0);
     sc.rule = xac_accept::from_start;
@@ -415,15 +415,14 @@ int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn
     for (int k = 0; k < count; ++k) {
         const char v[4] = {static_cast<char>(values[k] >> 24), static_cast<char>(values[k] >> 16),
                            static_cast<char>(values[k] >> 8), static_cast<char>(values[k])};
-        if (unsigned r = xac_scan(&sc, v, sizeof v)) return static_cast<int>(r);
+        to.value = values[k];
+        if (xac_scan(&sc, v, sizeof v) != 0) return to.found;
     }
-    return 0;
+    return std::nullopt;
 }
 
-unsigned xdb_match_domain(const char* name, size_t len, xac_match_fn handler, void* arg) {
-    return category_db_match_domain(xdb_get(), name, len, handler, arg);
+std::optional<xdb_match> xdb_match_domain(const char* name, size_t len) {
+    return category_db_match_domain(xdb_get(), name, len);
 }
 
-int xdb_match_ipv4(const char* text, xac_match_fn handler, void* arg) {
-    return category_db_match_ipv4(xdb_get(), text, handler, arg);
-}
+std::optional<xdb_match> xdb_match_ipv4(const char* text) { return category_db_match_ipv4(xdb_get(), text); }

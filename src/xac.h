@@ -14,27 +14,34 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "xdb.h"
 
-// Called for an accepted match: (text, text length, 20-bit category id,
-// match end, match length, 0, argument). Its result is ignored by the
-// domain and address lookups, which stop at the first accepted match.
+// Called for each match the scanner confirms: (text, text length, 20-bit
+// category id, match end, match length, 0, argument). The first non-zero
+// result ends the scan.
 using xac_match_fn = int (*)(const char* text, int len, uint32_t id, uint32_t end, int match_len,
                              int zero, void* arg);
 
 // ---- lookups ----
 
-// 1 when a match was accepted (the handler has run), else 0; 0 when no file
-// is loaded.
-unsigned xdb_match_domain(const char* name, size_t len, xac_match_fn handler, void* arg);
-int xdb_match_ipv4(const char* text, xac_match_fn handler, void* arg);
+// The one match a lookup accepts.
+struct xdb_match {
+    uint32_t id = 0;     // 20-bit category id
+    uint32_t end = 0;    // where the match ends in the scanned text
+    int len = 0;         // match length
+    uint32_t value = 0;  // address lookup: the prefix value that matched (host order); else 0
+    bool operator==(const xdb_match&) const = default;
+};
 
-// The same lookups against a given file (null answers 0).
-unsigned category_db_match_domain(const category_db* db, const char* name, size_t len,
-                                  xac_match_fn handler, void* arg);
-int category_db_match_ipv4(const category_db* db, const char* text, xac_match_fn handler,
-                           void* arg);
+// The accepted match, or none; none when no file is loaded.
+std::optional<xdb_match> xdb_match_domain(const char* name, size_t len);
+std::optional<xdb_match> xdb_match_ipv4(const char* text);
+
+// The same lookups against a given file (null answers none).
+std::optional<xdb_match> category_db_match_domain(const category_db* db, const char* name, size_t len);
+std::optional<xdb_match> category_db_match_ipv4(const category_db* db, const char* text);
 
 // The values the address lookup scans for `addr` (host order), most specific
 // first: the address with 0, 1, ... 24 low bits cleared, each distinct value

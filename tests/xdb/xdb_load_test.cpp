@@ -61,14 +61,14 @@ TEST(XdbLoad, InitReportsTheOutcomeAndFailureLeavesNothingLoaded) {
     ASSERT_EQ(xdb_init(dir.file("good.xdb").c_str()), 0);
     EXPECT_EQ(GetCapturedStderr(), "");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "Success to load xdb.\n");
-    EXPECT_EQ(xdb_match_domain("www.example.com", 15, nullptr, nullptr), 1u);
-    EXPECT_EQ(xdb_match_ipv4("10.9.8.7", nullptr, nullptr), 1);
+    EXPECT_TRUE(xdb_match_domain("www.example.com", 15).has_value());
+    EXPECT_TRUE(xdb_match_ipv4("10.9.8.7").has_value());
     CaptureStderr();
     EXPECT_EQ(xdb_init("/nonexistent/zor.xdb"), -1);
     EXPECT_EQ(GetCapturedStderr(), "Failed to open file, /nonexistent/zor.xdb!\n");
     EXPECT_EQ(xdb_get(), nullptr);
-    EXPECT_EQ(xdb_match_domain("www.example.com", 15, nullptr, nullptr), 0u);
-    EXPECT_EQ(xdb_match_ipv4("10.9.8.7", nullptr, nullptr), 0);
+    EXPECT_FALSE(xdb_match_domain("www.example.com", 15).has_value());
+    EXPECT_FALSE(xdb_match_ipv4("10.9.8.7").has_value());
     xdb_release();
     xdb_release();
 }

@@ -53,16 +53,20 @@ inline std::vector<match> scan_all(const category_db& db, const std::string& buf
 
 // The domain lookup's accepted match (none or one).
 inline std::vector<match> match_domain(const category_db& db, const std::string& buffer, size_t len = std::string::npos) {
-    recorder rec;
-    const unsigned r = category_db_match_domain(&db, buffer.data(), std::min(len, buffer.size()), recorder::handler, &rec);
-    EXPECT_EQ(r, rec.calls.empty() ? 0u : 1u);
-    return rec.calls;
+    const std::optional<xdb_match> m = category_db_match_domain(&db, buffer.data(), std::min(len, buffer.size()));
+    if (!m) return {};
+    EXPECT_EQ(m->value, 0u);
+    return {match(m->id, m->end, m->len)};
 }
 
 inline recorder match_ipv4(const category_db& db, const std::string& address) {
     recorder rec;
-    const int r = category_db_match_ipv4(&db, address.c_str(), recorder::handler, &rec);
-    EXPECT_EQ(r, rec.calls.empty() ? 0 : 1);
+    const std::optional<xdb_match> m = category_db_match_ipv4(&db, address.c_str());
+    if (!m) return rec;
+    rec.calls.emplace_back(m->id, m->end, m->len);
+    const char v[4] = {static_cast<char>(m->value >> 24), static_cast<char>(m->value >> 16),
+                       static_cast<char>(m->value >> 8), static_cast<char>(m->value)};
+    rec.texts.emplace_back(v, sizeof v);
     return rec;
 }
 

@@ -157,10 +157,8 @@ int cmd_dump(const char* path) {
     return 0;
 }
 
-int print_match(const char*, int, uint32_t id, uint32_t end, int match_len, int, void* arg) {
-    std::printf("id=%u group=%u sub=%u end=%u len=%d\n", id, (id >> 8) & 0xFF, id & 0xFF, end, match_len);
-    *static_cast<bool*>(arg) = true;
-    return 0;
+void print_match(const xdb_match& m) {
+    std::printf("id=%u group=%u sub=%u end=%u len=%d\n", m.id, (m.id >> 8) & 0xFF, m.id & 0xFF, m.end, m.len);
 }
 
 int cmd_match(const char* path, const char* kind, const char* key) {
@@ -168,13 +166,13 @@ int cmd_match(const char* path, const char* kind, const char* key) {
     if (!domain && std::strcmp(kind, "ipv4") != 0) return usage();
     category_db_ptr db = xdb_load(path);
     if (!db) return kExitNoLoad;
-    bool matched = false;
-    if (domain) {
-        category_db_match_domain(db.get(), key, std::strlen(key), print_match, &matched);
+    const std::optional<xdb_match> m =
+        domain ? category_db_match_domain(db.get(), key, std::strlen(key)) : category_db_match_ipv4(db.get(), key);
+    if (m) {
+        print_match(*m);
     } else {
-        category_db_match_ipv4(db.get(), key, print_match, &matched);
+        std::printf("no match\n");
     }
-    if (!matched) std::printf("no match\n");
     return 0;
 }
 
