@@ -26,6 +26,7 @@
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
 #include "util/list.h"
+#include "util/locked_queue.h"
 #include "util/wall_clock.h"
 #include "xac.h"
 #include "xdb.h"
@@ -43,7 +44,8 @@ constexpr uint32_t kTypeAddrAlt = 22;
 constexpr uint32_t kDomainField = 256;
 constexpr uint32_t kAddrField = 40;
 
-// A report waiting for the event worker; linked through its own node.
+// A report waiting for the announcer or the event worker; linked through its
+// own node.
 struct queued_event {
     list_node_t node;
     uint32_t flags = 0;
@@ -67,26 +69,17 @@ struct qmx_srv {
     std::atomic<bool> abort_query{false};  // set by release: a cloud query in flight gives up
     nlu_ctx* nlu = nullptr;                // owned; closed by release
 
-    list_t* query_list = nullptr;  // query_item, newest first; locked list
-    std::mutex query_lock;
-    std::condition_variable query_cond;
-    bool query_wake = false;  // covered by query_lock
+    locked_queue<query_item, &query_item::node> queries{kPendingCap};  // newest first
     std::thread sender_thread;
 
     // Reports go first to the announcer, which tells the kernel about each
     // one ("u2k") in arrival order and then hands it to the event worker.
     // The shell behind every command is slow; the netlink receive thread
     // only ever queues, so it never waits for one.
-    list_t* announce_list = nullptr;  // queued_event, oldest first; locked list
-    std::mutex announce_lock;
-    std::condition_variable announce_cond;
-    bool announce_wake = false;  // covered by announce_lock
+    locked_queue<queued_event, &queued_event::node> announce;  // oldest first
     std::thread announce_thread;
 
-    list_t* event_list = nullptr;  // queued_event, newest first; locked list
-    std::mutex event_lock;
-    std::condition_variable event_cond;
-    bool event_wake = false;  // covered by event_lock
+    locked_queue<queued_event, &queued_event::node> events;  // newest first
     std::thread event_thread;
 
     std::mutex trigger_lock;  // only for the trigger's sleep
@@ -111,22 +104,6 @@ bool is_address(uint32_t type, uint32_t len) {
     return (type == kTypeAddr || type == kTypeAddrAlt) && len == kAddrField;
 }
 
-template <class T>
-T* item_of(list_node_t* node) {
-    return static_cast<T*>(node->data);
-}
-
-// Sets the wake flag under `lock` and signals, so a waiter never misses it.
-void notify_flag(std::mutex& lock, std::condition_variable& cond, bool* flag) {
-    {
-        std::lock_guard<std::mutex> g(lock);
-        if (flag) *flag = true;
-    }
-    cond.notify_all();
-}
-
-void wake_sender(qmx_srv* s) { notify_flag(s->query_lock, s->query_cond, &s->query_wake); }
-
 // ---- event worker ----
 
 // Tells the kernel the category the file gave the report's key.
@@ -146,19 +123,17 @@ void announce_match(qmx_srv* s, const queued_event& ev, const xdb_match& m) {
 void queue_query(qmx_srv* s, const queued_event& ev, verdict_entry* e) {
     // A full list leaves the entry unmarked, so the key is asked for when the
     // kernel reports it again.
-    if (list_count(s->query_list) >= kPendingCap) return;
+    if (s->queries.full()) return;
     if (!db_should_query(e) || !s->running.load()) return;
-    auto* item = new (std::nothrow) query_item;
+    std::unique_ptr<query_item> item(new (std::nothrow) query_item);
     if (!item) return;
     try {
         item->key = ev.text;
     } catch (const std::bad_alloc&) {
-        delete item;
         return;
     }
     item->data_type = static_cast<int32_t>(ev.data_type);
-    item->node.data = item;
-    list_push_front(s->query_list, &item->node);
+    s->queries.push_front(std::move(item));
 }
 
 // Cache step: true when a stored verdict answered the report.
@@ -208,9 +183,7 @@ bool process_event(qmx_srv* s, const queued_event& ev) {
 // `seq` is taken every earlier one is either done or in the list, the oldest
 // at its tail.
 bool earlier_waiting(qmx_srv* s, uint64_t seq) {
-    std::lock_guard<std::mutex> g(s->event_list->lock);
-    list_node_t* oldest = s->event_list->tail;
-    return oldest && item_of<queued_event>(oldest)->seq < seq;
+    return s->events.back_matches([seq](const queued_event& oldest) { return oldest.seq < seq; });
 }
 
 // Reports are taken newest first, so a flagged report may be looked up
@@ -220,23 +193,16 @@ void event_main(qmx_srv* s) {
     LOG_D("Start thread: receive data from netlink");
     uint64_t flush_after = 0;  // newest flagged report whose wake is held; 0: none
     for (;;) {
-        {
-            std::unique_lock<std::mutex> lk(s->event_lock);
-            if (list_count(s->event_list) == 0)
-                s->event_cond.wait(lk, [&] { return s->event_wake || !s->running.load(); });
-            s->event_wake = false;
-        }
-        if (!s->running.load()) return;
+        if (!s->events.wait_if_empty() || !s->running.load()) return;
         while (s->running.load()) {
-            list_node_t* node = list_pop_front_node(s->event_list);
-            if (!node) break;
+            std::unique_ptr<queued_event> ev = s->events.pop_front();
+            if (!ev) break;
             s->queued.fetch_sub(1);
-            std::unique_ptr<queued_event> ev(item_of<queued_event>(node));
             if (process_event(s, *ev)) flush_after = std::max(flush_after, ev->seq);
             s->finished.fetch_add(1);
             if (flush_after != 0 && !earlier_waiting(s, flush_after)) {
                 flush_after = 0;
-                if (s->running.load()) wake_sender(s);
+                if (s->running.load()) s->queries.wake();
             }
         }
     }
@@ -250,19 +216,13 @@ bool valid_report(const queued_event& ev) {
 
 void announce_main(qmx_srv* s) {
     for (;;) {
-        {
-            std::unique_lock<std::mutex> lk(s->announce_lock);
-            s->announce_cond.wait(lk, [&] { return s->announce_wake || !s->running.load(); });
-            s->announce_wake = false;
-        }
-        if (!s->running.load()) return;
+        if (!s->announce.wait() || !s->running.load()) return;
         while (s->running.load()) {
-            list_node_t* node = list_pop_front_node(s->announce_list);
-            if (!node) break;
-            queued_event* ev = item_of<queued_event>(node);
+            std::unique_ptr<queued_event> ev = s->announce.pop_front();
+            if (!ev) break;
             if (valid_report(*ev)) zor_notify_u2k(static_cast<int>(ev->data_type), ev->text.c_str());
-            list_push_front(s->event_list, &ev->node);
-            notify_flag(s->event_lock, s->event_cond, &s->event_wake);
+            s->events.push_front(std::move(ev));
+            s->events.wake();
         }
     }
 }
@@ -273,9 +233,8 @@ void announce_main(qmx_srv* s) {
 int take_batch(qmx_srv* s, cJSON* q) {
     int n = 0;
     while (n < kBatchSize) {
-        list_node_t* node = list_pop_front_node(s->query_list);
-        if (!node) break;
-        std::unique_ptr<query_item> item(item_of<query_item>(node));
+        std::unique_ptr<query_item> item = s->queries.pop_front();
+        if (!item) break;
         cJSON* row = cJSON_CreateArray();
         if (!row) continue;
         cJSON_AddItemToArray(row, cJSON_CreateNumber(item->data_type));
@@ -324,14 +283,9 @@ void sender_main(qmx_srv* s) {
     // thread first ran still wait for a wake, as if it had started at once.
     bool first = true;
     for (;;) {
-        {
-            std::unique_lock<std::mutex> lk(s->query_lock);
-            if (first || list_count(s->query_list) == 0)
-                s->query_cond.wait(lk, [&] { return s->query_wake || !s->running.load(); });
-            first = false;
-            s->query_wake = false;
-        }
-        if (!s->running.load()) return;
+        const bool go = first ? s->queries.wait() : s->queries.wait_if_empty();
+        first = false;
+        if (!go || !s->running.load()) return;
         send_batch(s);
     }
 }
@@ -352,20 +306,13 @@ void trigger_main(qmx_srv* s) {
     while (s->running.load()) {
         // Only while nothing is pending: kept as the product has always
         // behaved; pending keys go out on a flagged report instead.
-        if (list_count(s->query_list) == 0) wake_sender(s);
+        if (s->queries.size() == 0) s->queries.wake();
         if (!trigger_sleep(s)) return;
         LOG_D("[%" PRId64 "] trigger -> talvo query", now_seconds());
     }
 }
 
 // ---- start and release ----
-
-template <class T>
-void free_items(list_t* list) {
-    if (!list) return;
-    while (list_node_t* node = list_pop_front_node(list)) delete item_of<T>(node);
-    list_free(list);
-}
 
 void join(std::thread& t) {
     if (t.joinable()) t.join();
@@ -388,18 +335,18 @@ void destroy(qmx_srv* s) {
               static_cast<unsigned long long>(c.sent), static_cast<unsigned long long>(c.refused),
               static_cast<unsigned long long>(c.too_long), static_cast<unsigned long long>(c.failed));
     }
-    notify_flag(s->announce_lock, s->announce_cond, nullptr);
+    s->announce.stop();
     join(s->announce_thread);
-    free_items<queued_event>(s->announce_list);
-    notify_flag(s->event_lock, s->event_cond, nullptr);
+    s->events.stop();
     join(s->event_thread);
-    free_items<queued_event>(s->event_list);
-    notify_flag(s->trigger_lock, s->trigger_cond, nullptr);
+    {
+        std::lock_guard<std::mutex> g(s->trigger_lock);  // a trigger about to sleep sees running
+    }
+    s->trigger_cond.notify_all();
     join(s->trigger_thread);
-    notify_flag(s->query_lock, s->query_cond, nullptr);
+    s->queries.stop();
     join(s->sender_thread);
-    free_items<query_item>(s->query_list);
-    delete s;
+    delete s;  // reports and keys still queued go with their queues
 }
 
 template <class Fn>
@@ -419,13 +366,6 @@ int qmx_srv_start() {
     if (g_srv.load()) return 1;
     auto* s = new (std::nothrow) qmx_srv;
     if (!s) return 0;
-    s->query_list = list_create();
-    s->announce_list = list_create();
-    s->event_list = list_create();
-    if (!s->query_list || !s->announce_list || !s->event_list) {
-        destroy(s);
-        return 0;
-    }
     s->trigger_period = std::chrono::milliseconds(g_trigger_ms.load());
     s->running.store(true);
     bool ok = start_thread(s->sender_thread, sender_main, s,
@@ -467,22 +407,20 @@ void qmx_srv_handle_event(const nl_event* event) {
         s->dropped.fetch_add(1);
         return;
     }
-    auto* q = new (std::nothrow) queued_event;
+    std::unique_ptr<queued_event> q(new (std::nothrow) queued_event);
     if (!q) return;
     try {
         q->text.assign(event->data(), strnlen(event->data(), event->data_len));
     } catch (const std::bad_alloc&) {
-        delete q;
         return;
     }
     q->flags = event->flags;
     q->data_type = event->data_type;
     q->data_len = event->data_len;
     q->seq = seq;
-    q->node.data = q;
     s->queued.fetch_add(1);
-    list_append(s->announce_list, &q->node);
-    notify_flag(s->announce_lock, s->announce_cond, &s->announce_wake);
+    s->announce.push_back(std::move(q));
+    s->announce.wake();
 }
 
 uint32_t qmx_srv_queued_events() {
@@ -492,7 +430,7 @@ uint32_t qmx_srv_queued_events() {
 
 uint32_t qmx_srv_lookup_events() {
     qmx_srv* s = g_srv.load();
-    return s ? list_count(s->event_list) : 0;
+    return s ? s->events.size() : 0;
 }
 
 uint64_t qmx_srv_finished_events() {
@@ -502,7 +440,7 @@ uint64_t qmx_srv_finished_events() {
 
 uint32_t qmx_srv_pending_queries() {
     qmx_srv* s = g_srv.load();
-    return s ? list_count(s->query_list) : 0;
+    return s ? s->queries.size() : 0;
 }
 
 void qmx_srv_set_trigger_interval(std::chrono::milliseconds period) {
