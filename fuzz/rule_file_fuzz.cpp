@@ -30,15 +30,16 @@ fuzz::scratch_file& scratch() {
 // Returns the number of rules read.
 size_t check_rules(const pctrl_holder& h) {
     size_t count = 0;
-    for (list_node_t* n = list_first(h.list); n; n = n->next, ++count) {
-        const auto* r = reinterpret_cast<const pctrl_rule*>(n);
-        fuzz::check(memchr(r->mac, '\0', sizeof r->mac) != nullptr, "MAC not terminated");
-        fuzz::check(pctrl_mac_valid(r->mac) == 1, "rule kept with an invalid MAC", r->mac);
-        if (r->kind == PCTRL_KIND_CONTENT)
-            fuzz::check(r->content.has_value(), "content rule without content");
+    if (!h.list) return count;
+    h.list->for_each([&](const pctrl_rule& r) {
+        ++count;
+        fuzz::check(memchr(r.mac, '\0', sizeof r.mac) != nullptr, "MAC not terminated");
+        fuzz::check(pctrl_mac_valid(r.mac) == 1, "rule kept with an invalid MAC", r.mac);
+        if (r.kind == PCTRL_KIND_CONTENT)
+            fuzz::check(r.content.has_value(), "content rule without content");
         else
-            fuzz::check(r->kind == PCTRL_KIND_DOMAIN && r->domain.has_value(), "rule of no kind");
-    }
+            fuzz::check(r.kind == PCTRL_KIND_DOMAIN && r.domain.has_value(), "rule of no kind");
+    });
     return count;
 }
 

@@ -37,11 +37,11 @@ protected:
 
     std::vector<rule_view> rules() const {
         std::vector<rule_view> out;
-        for (list_node_t* n = holder_.list ? holder_.list->head : nullptr; n != nullptr; n = n->next) {
-            const auto* r = reinterpret_cast<const pctrl_rule*>(n);
-            out.emplace_back(r->id, r->mac, r->kind, r->content.value_or("NULL"), r->domain.value_or("NULL"),
-                             static_cast<uint32_t>(r->from), static_cast<uint32_t>(r->to));
-        }
+        if (!holder_.list) return out;
+        holder_.list->for_each([&](const pctrl_rule& r) {
+            out.emplace_back(r.id, r.mac, r.kind, r.content.value_or("NULL"), r.domain.value_or("NULL"),
+                             static_cast<uint32_t>(r.from), static_cast<uint32_t>(r.to));
+        });
         return out;
     }
 
@@ -176,7 +176,7 @@ TEST_F(PctrlReader, FilesThatCannotBeReadOrParsed) {
     EXPECT_TRUE(log.contains("[E] The following rule string is not JSON format:"));
     ASSERT_EQ(read(R"([{"mac": "aabbccddeeff", "cn": "1"}])"), 0);
     ASSERT_NE(holder_.list, nullptr);
-    EXPECT_EQ(list_count(holder_.list), 0u);
+    EXPECT_EQ(holder_.list->size(), 0u);
 }
 
 }  // namespace

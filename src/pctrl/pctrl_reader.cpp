@@ -13,6 +13,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "log.h"
 #include "util/c_ptr.h"
@@ -243,7 +244,7 @@ int32_t rule_id(const char* key) {
 
 // Validates one member of the top-level object; returns its record when the
 // rule is valid and due today, else null.
-pctrl_rule* read_rule(const cJSON* member) {
+std::unique_ptr<pctrl_rule> read_rule(const cJSON* member) {
     const char* id = member->string;
     time_t now = pctrl_now();
     struct tm today;
@@ -266,7 +267,7 @@ pctrl_rule* read_rule(const cJSON* member) {
     rule_times times = check_schedule(id, member, today);
     if (!times.due) return nullptr;
 
-    auto* rule = new (std::nothrow) pctrl_rule{};
+    std::unique_ptr<pctrl_rule> rule(new (std::nothrow) pctrl_rule{});
     if (rule == nullptr) return nullptr;
     rule->id = rule_id(id);
     if (cJSON_IsString(cn)) {
@@ -365,16 +366,15 @@ int pctrl_read_rules(const char* path, pctrl_holder* holder) {
         LOG_E("The following rule string is not JSON format:\n%s", text.get());
         return -1;
     }
-    list_t* list = list_create();
+    std::unique_ptr<pctrl_rule_list> list(new (std::nothrow) pctrl_rule_list);
     if (list == nullptr) return -1;
     // Members are rules in file order; an array's elements carry no key and
     // end the walk at once.
     for (const cJSON* member = root->child; member != nullptr && member->string != nullptr;
          member = member->next) {
-        pctrl_rule* rule = read_rule(member);
-        if (rule != nullptr) list_append(list, &rule->link);
+        list->push_back(read_rule(member));
     }
-    holder->list = list;
+    holder->list = std::move(list);
     return 0;
 }
 
@@ -388,20 +388,13 @@ void pctrl_dump_rules(const pctrl_holder* holder) {
         return;
     }
     LOG_D("ID\tMAC\t\t\tSTART\tEND\tCONTENT\tDOMAIN NAME");
-    std::lock_guard<std::mutex> g(holder->list->lock);
-    for (list_node_t* node = holder->list->head; node != nullptr; node = node->next) {
-        const auto* rule = reinterpret_cast<const pctrl_rule*>(node);
-        LOG_D("%d\t%s\t%ld\t%ld\t%s\t%s", rule->id, rule->mac, static_cast<long>(rule->from),
-              static_cast<long>(rule->to), rule->content ? rule->content->c_str() : "NULL",
-              rule->domain ? rule->domain->c_str() : "NULL");
-    }
+    holder->list->for_each([](const pctrl_rule& rule) {
+        LOG_D("%d\t%s\t%ld\t%ld\t%s\t%s", rule.id, rule.mac, static_cast<long>(rule.from),
+              static_cast<long>(rule.to), rule.content ? rule.content->c_str() : "NULL",
+              rule.domain ? rule.domain->c_str() : "NULL");
+    });
 }
 
 void pctrl_free_rules(pctrl_holder* holder) {
-    if (holder == nullptr || holder->list == nullptr) return;
-    while (list_node_t* node = list_pop_front_node(holder->list)) {
-        delete reinterpret_cast<pctrl_rule*>(node);
-    }
-    list_free(holder->list);
-    holder->list = nullptr;
+    if (holder != nullptr) holder->list.reset();
 }

@@ -2,7 +2,7 @@
 // rule, keeps the rules that are due today by the local clock and turns each
 // into a pctrl_rule record with its start and end in epoch seconds.
 //
-// A rule set is a list_t of pctrl_rule records in file order, reached through
+// A rule set is a queue of pctrl_rule records in file order, reached through
 // a pctrl_holder cell that the caller owns. Any thread may read a rule file
 // into its own holder; a holder is not shared between threads. Every message
 // goes to the log: the open and JSON errors at level E, the rest at level D.
@@ -12,11 +12,12 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <type_traits>
 
-#include "util/list.h"
+#include "util/locked_queue.h"
 
 // Kinds of rule the kernel knows.
 inline constexpr int32_t PCTRL_KIND_CONTENT = 1;
@@ -25,9 +26,8 @@ inline constexpr int32_t PCTRL_KIND_DOMAIN = 2;
 // Rule files larger than this are refused whole (a real one is a few KiB).
 inline constexpr size_t PCTRL_RULE_FILE_MAX = 1024 * 1024;
 
-// One due rule. Linked into the rule list directly through `link` (its data
-// word stays null); the record belongs to the list and is freed by
-// pctrl_free_rules. Immutable once linked.
+// One due rule, linked into its rule set through `link`; the record belongs
+// to the set and is freed with it. Immutable once linked.
 struct pctrl_rule {
     list_node_t link;
     int32_t id = 0;                      // the member key's decimal value
@@ -38,12 +38,12 @@ struct pctrl_rule {
     int32_t from = 0;  // start today in epoch seconds (low 32 bits); 0 without schedule
     int32_t to = 0;    // end in epoch seconds (low 32 bits); 0 without schedule
 };
-static_assert(std::is_standard_layout_v<pctrl_rule> && offsetof(pctrl_rule, link) == 0,
-              "the record is linked as its own node");
+
+using pctrl_rule_list = locked_queue<pctrl_rule, &pctrl_rule::link>;  // file order
 
 // The cell through which a rule set is reached. Its destructor frees the set.
 struct pctrl_holder {
-    list_t* list = nullptr;  // null: no rule set
+    std::unique_ptr<pctrl_rule_list> list;  // null: no rule set
 
     pctrl_holder() = default;
     pctrl_holder(const pctrl_holder&) = delete;
@@ -60,7 +60,7 @@ struct pctrl_holder {
 // Writes the rule set to the log at level D. Null-safe.
 void pctrl_dump_rules(const pctrl_holder* holder);
 
-// Frees every record and the list; the holder is left empty. Null-safe.
+// Frees the rule set; the holder is left empty. Null-safe.
 void pctrl_free_rules(pctrl_holder* holder);
 
 // 1 when `text` passes the MAC rule: twelve hex digits, either bare or in

@@ -102,10 +102,7 @@ void pctrl_apply_rules() {
     if (pctrl_read_rules(path.c_str(), &rules) != 0 || rules.list == nullptr) return;
     pctrl_clean_rules();
     pctrl_dump_rules(&rules);
-    std::lock_guard<std::mutex> g(rules.list->lock);
-    for (list_node_t* node = rules.list->head; node != nullptr; node = node->next) {
-        send_rule(*reinterpret_cast<const pctrl_rule*>(node));
-    }
+    rules.list->for_each(send_rule);
 }
 
 void pctrl_sched_start() {
