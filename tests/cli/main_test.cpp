@@ -3,7 +3,6 @@
 // line the service ran without touching the kernel.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "service_process.h"
 #include "test_util.h"
 
 namespace {
@@ -25,21 +25,6 @@ namespace fs = std::filesystem;
 const std::string kBinary = ZOR_BINARY_DIR "/zor_service";
 
 bool wait_for(const std::function<bool()>& done) { return zor_test::eventually(done, 10s); }
-
-// A child process that is killed and reaped if a test leaves it behind.
-struct child {
-    pid_t pid = -1;
-    ~child() {
-        if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
-    }
-    // The exit status, or -1 when it did not exit normally in time.
-    int wait_exit() {
-        int status = 0;
-        if (!wait_for([&] { return waitpid(pid, &status, WNOHANG) == pid; })) return -1;
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-};
 
 class ZorServiceBinary : public testing::Test {
 protected:
@@ -61,35 +46,27 @@ protected:
                "\nwritable_root = " + writable_root + "\nserver = 127.0.0.1:8443\nlog_level = 6\n";
     }
     // Starts the service in the temp directory with the stubs first on PATH.
-    void start(child& c, const args_t& args) const {
-        c.pid = fork();
-        ASSERT_GE(c.pid, 0);
-        if (c.pid == 0) {
-            if (chdir(dir.path().c_str()) != 0) _exit(120);
-            setenv("PATH", (bin + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")).c_str(), 1);
-            if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr)) _exit(121);
-            std::vector<char*> argv{const_cast<char*>(kBinary.c_str())};
-            for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execv(kBinary.c_str(), argv.data());
-            _exit(122);
-        }
+    void start(zor_test::service_process& p, const args_t& args) const {
+        ASSERT_TRUE(p.start({.argv = zor_test::service_argv(args), .out = out, .err = err, .cwd = dir.path(),
+                             .path_first = bin}));
     }
+    // The exit status, or -1 when it did not exit in time.
+    static int wait_exit(zor_test::service_process& p) { return p.wait_exit(10s).value_or(-1); }
     int run(const args_t& args) const {
-        child c;
-        start(c, args);
-        return c.wait_exit();
+        zor_test::service_process p;
+        start(p, args);
+        return wait_exit(p);
     }
     std::string commands() const { return read_file(bin + "/commands"); }
     // Starts afresh, waits until the module line ran, sends `sig`, returns the status.
     int run_until_signal(const args_t& args, int sig = SIGTERM) const {
         fs::remove(bin + "/commands");
         fs::remove_all(log_dir);
-        child c;
-        start(c, args);
+        zor_test::service_process p;
+        start(p, args);
         if (!wait_for([this] { return !commands().empty(); })) return -2;
-        kill(c.pid, sig);
-        return c.wait_exit();
+        p.signal(sig);
+        return wait_exit(p);
     }
     // Exit status, standard output, standard error.
     std::tuple<int, std::string, std::string> outcome(int status) const { return {status, read_file(out), read_file(err)}; }
@@ -152,6 +129,7 @@ TEST_F(ZorServiceBinary, OptionsBecomeModuleParameters) {
     int sig = SIGTERM;
     for (auto [options, params] : {std::pair<args_t, std::string>{{"-c", "100"}, "qos=0 pc=0 cloud=0 caches=2000 router_mode=0"},
             {{"-c", "50000"}, "qos=0 pc=0 cloud=0 caches=20000 router_mode=0"}, {{"-r", "-1"}, "qos=0 pc=0 cloud=0"},
+            {{"-w", "eth0", "-c", "100", "-r", "-1"}, "ifwan=eth0 ifwan_num=1 qos=0 pc=0 cloud=0 caches=2000"},
             {{"-w", "eth0,eth1", "-q", "1", "-p", "1", "-m", "1", "-f", "4096", "-c", "8000", "-r", "1"},
              "ifwan=eth0,eth1 ifwan_num=2 qos=1 pc=1 cloud=1 flows=4096 caches=8000 router_mode=1"}}) {
         options.insert(options.end(), {"-i", ini});

@@ -4,17 +4,15 @@
 // their arguments.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 #include "cloudsim.h"
+#include "service_process.h"
 #include "test_util.h"
 
 namespace {
@@ -38,7 +36,7 @@ protected:
         ASSERT_TRUE(sim.save_certificate(dir.file("cloud.pem")));
     }
     void TearDown() override {
-        if (pid > 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+        service.kill_now();
         sim.stop();
     }
 
@@ -47,33 +45,16 @@ protected:
         zor_test::write_file(ini, "[zor]\nauth_id = e2e-id\nauth_pwd = e2e-pw\nhost = e2e-host\nproduct = e2e-product\n"
                                   "root = " + dir.file("opt") + "\nwritable_root = " + dir.file("run") +
                                       "\nserver = " + sim.address() + "\nca_file = " + dir.file("cloud.pem") + "\nlog_level = 6\n");
-        std::vector<std::string> words = zor_test::program_argv(ZOR_BINARY_DIR "/zor_service");
-        words.insert(words.end(), {"-i", ini, "-l", log_dir});
-        std::vector<char*> argv;
-        for (std::string& w : words) argv.push_back(w.data());
-        argv.push_back(nullptr);
-        pid = fork();
-        ASSERT_GE(pid, 0);
-        if (pid == 0) {
-            setenv("PATH", (bin + ":" + (getenv("PATH") ? getenv("PATH") : "/usr/bin:/bin")).c_str(), 1);
-            if (!freopen(dir.file("stdout").c_str(), "w", stdout) || !freopen(dir.file("stderr").c_str(), "w", stderr))
-                _exit(121);
-            execvp(argv[0], argv.data());
-            _exit(122);
-        }
+        ASSERT_TRUE(service.start({.argv = zor_test::service_argv({"-i", ini, "-l", log_dir}), .out = dir.file("stdout"),
+                                   .err = dir.file("stderr"), .path_first = bin}));
     }
     // The exit status, or -1 when it did not exit within the limit.
-    int wait_exit(std::chrono::milliseconds limit) {
-        int status = 0;
-        if (!eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, limit)) return -1;
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+    int wait_exit(std::chrono::milliseconds limit) { return service.wait_exit(limit).value_or(-1); }
 
     zor_test::temp_dir dir;
     std::string bin = dir.file("bin");
     cloudsim::simulator sim;
-    pid_t pid = -1;
+    zor_test::service_process service;
 };
 
 // Once logged in the session waits for most of an hour: a stop does not.
@@ -87,7 +68,7 @@ TEST_F(ServiceWithCloud, LogsInWithTheConfiguredAccountAndStopsPromptly) {
     EXPECT_EQ(sim.requests().front().detail, "id=e2e-id,product=e2e-product,host=e2e-host");
     EXPECT_EQ(sim.count("login") + sim.count("ping"), 2u);
     auto t0 = std::chrono::steady_clock::now();
-    kill(pid, SIGTERM);
+    service.signal(SIGTERM);
     EXPECT_EQ(wait_exit(10s), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
     EXPECT_EQ(read_file(bin + "/commands").find("rmmod"), std::string::npos);  // a plain stop leaves the modules

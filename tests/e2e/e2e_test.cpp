@@ -30,24 +30,6 @@ protected:
     void keys_are_answered(bool shell);
 };
 
-TEST_F(EndToEnd, LoadsTheModuleWithTheInsmodLine) {
-    const struct {
-        lines args;
-        std::string params;
-    } rows[] = {
-        {{}, "qos=0 pc=0 cloud=0 router_mode=0 "},
-        {{"-w", "eth0,eth1", "-q", "1", "-p", "1", "-m", "1", "-f", "4096", "-c", "8000", "-r", "1"},
-         "ifwan=eth0,eth1 ifwan_num=2 qos=1 pc=1 cloud=1 flows=4096 caches=8000 router_mode=1 "},
-        {{"-w", "eth0", "-c", "100", "-r", "-1"}, "ifwan=eth0 ifwan_num=1 qos=0 pc=0 cloud=0 caches=2000 "},
-    };
-    for (const auto& r : rows) {
-        sim_world w;
-        ASSERT_TRUE(start(w, {.service_args = r.args}));
-        EXPECT_EQ(w.commands(), (lines{"lsmod | grep -w ^zor_service",
-                                       "[ ! -f /proc/zor/ctrl ] && insmod " + w.root() + "/zor.ko " + r.params}));
-    }
-}
-
 // The announcement is answered with the service's port and events are
 // reported back as being resolved, in order. A key the category file knows
 // is answered with source 2 and a day's ttl; bit 0 on an event sends the

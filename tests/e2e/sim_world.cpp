@@ -4,7 +4,6 @@
 #include <grp.h>
 #include <linux/netlink.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,37 +20,18 @@
 
 #include "ipc_client.h"
 
-extern char** environ;
-
 namespace {
 
 using namespace std::chrono_literals;
 
 int decode(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
-// Spawns argv with standard output and error appended to `out_path`.
-pid_t spawn(const std::vector<std::string>& args, const std::string& out_path) {
-    std::vector<char*> argv;
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_addopen(&fa, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&fa, STDOUT_FILENO, out_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    posix_spawn_file_actions_adddup2(&fa, STDOUT_FILENO, STDERR_FILENO);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, argv[0], &fa, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&fa);
-    return rc == 0 ? pid : -1;
-}
-
-// Runs argv to its end; its exit status, or -1 when it could not start.
+// Runs argv to its end, standard output and error appended to `out_path`;
+// its exit status, or -1 when it could not start or did not end in time.
 int run(const std::vector<std::string>& args, const std::string& out_path) {
-    pid_t pid = spawn(args, out_path);
-    int status = 0;
-    while (pid > 0 && waitpid(pid, &status, 0) < 0)
-        if (errno != EINTR) return -1;
-    return pid > 0 ? decode(status) : -1;
+    zor_test::service_process p;
+    if (!p.start({.argv = args, .out = out_path, .append = true})) return -1;
+    return p.wait_exit(kWorldWait).value_or(-1);
 }
 
 // Why root may not unicast to another socket's generic netlink port here.
@@ -123,8 +103,9 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     args.insert(args.end(), {"-s", ZOR_E2E_WORLD_SHELL, dir_, cfg.service.empty() ? service_binary() : cfg.service,
                              "-i", dir_ + "/zor.ini", "-l", dir_ + "/log"});
     args.insert(args.end(), cfg.service_args.begin(), cfg.service_args.end());
-    if ((pid_ = spawn(args, dir_ + "/service.out")) < 0) return err = "cannot spawn world.sh", false;
-    port_ = static_cast<uint32_t>(pid_);
+    if (!service_.start({.argv = args, .out = dir_ + "/service.out", .append = true}))
+        return err = "cannot start world.sh", false;
+    port_ = static_cast<uint32_t>(pid());
     if (cfg.squat) {
         // Before the service opens its channel: world.sh has a namespace to
         // build first.
@@ -143,11 +124,12 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
         static const std::regex bound("netlink port ([0-9]+) bound instead of ([0-9]+)");
         std::smatch m;
         const std::string log = service_log();
-        if (std::regex_search(log, m, bound) && m[2].str() == std::to_string(pid_))
+        if (std::regex_search(log, m, bound) && m[2].str() == std::to_string(pid()))
             port_ = static_cast<uint32_t>(std::stoul(m[1].str()));
     }
-    if (status_ && !cfg.may_exit)
-        err = "the service ended at start with status " + std::to_string(*status_) + "; its output: " +
+    const std::optional<int> ended = service_.wait_exit(0ms);
+    if (ended && !cfg.may_exit)
+        err = "the service ended at start with status " + std::to_string(*ended) + "; its output: " +
               service_output();
     else if (!up)
         err = "the service did not load its module; its output: " + service_output();
@@ -192,7 +174,7 @@ size_t sim_world::ctrl_count(const std::string& prefix) const {
 }
 
 long sim_world::rss_anon_kb() const {
-    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    std::ifstream status("/proc/" + std::to_string(pid()) + "/status");
     long kb = -1;
     for (std::string name; status >> name;)
         if (name == "RssAnon:" && status >> kb) break;
@@ -268,25 +250,9 @@ std::optional<std::string> sim_world::ipc_raw(const std::string& bytes, std::chr
     return reply;
 }
 
-std::optional<int> sim_world::wait_exit(std::chrono::milliseconds timeout) {
-    if (!status_ && pid_ > 0) {
-        zor_test::eventually([&] {
-            int status = 0;
-            pid_t r = waitpid(pid_, &status, WNOHANG);
-            if (r == pid_) status_ = decode(status);
-            return r == pid_ || (r < 0 && errno != EINTR);
-        }, timeout);
-    }
-    return status_;
-}
+std::optional<int> sim_world::wait_exit(std::chrono::milliseconds timeout) { return service_.wait_exit(timeout); }
 
-std::optional<int> sim_world::stop() {
-    if (pid_ < 0 || status_) return status_;
-    kill(pid_, SIGTERM);
-    if (auto s = wait_exit(5s)) return s;
-    kill(pid_, SIGKILL);
-    return wait_exit(5s);
-}
+std::optional<int> sim_world::stop() { return service_.stop(5s); }
 
 std::string ipc_request_bytes(int32_t cmd, int32_t type, const std::string& text) {
     const ipc_request r = zor_test::make_request(cmd, text, type);

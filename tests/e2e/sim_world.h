@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "cloudsim.h"
+#include "service_process.h"
 #include "test_util.h"
 
 struct world_config {
@@ -66,7 +67,7 @@ public:
     bool start(const world_config& cfg, std::string& err,
                std::chrono::milliseconds slow = kWorldWait);
 
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return service_.pid(); }
     // The service's netlink port: its pid, or with `squat` the port it
     // bound instead (read from its log).
     uint32_t port() const { return port_; }
@@ -115,10 +116,9 @@ public:
 
 private:
     std::string dir_;
-    pid_t pid_ = -1;
+    zor_test::service_process service_;  // world.sh, which execs the service
     uint32_t port_ = 0;
     int squatter_ = -1;  // the socket holding the pid as port, with `squat`
-    std::optional<int> status_;
 };
 
 // One 264-byte command socket request as the service reads it.
