@@ -20,6 +20,7 @@
 #include "fuzz_support.h"
 #include "qmx_db.h"
 #include "util/c_ptr.h"
+#include "util/clock.h"
 
 namespace {
 
@@ -30,7 +31,7 @@ constexpr uint32_t kBucketsPerPass = 200;
 constexpr int32_t kStart = 1700000000;
 int32_t g_now = kStart;
 
-int32_t fuzz_clock() { return g_now; }
+int64_t fuzz_clock() { return g_now; }
 
 // Adds (type, key) for every member of "r" whose first element is a number
 // and whose key could come from the kernel (a 256-byte field with its zero).
@@ -52,7 +53,7 @@ size_t make_keys_known(const std::string& text) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::setup();
-    db_set_clock(fuzz_clock);
+    clock_set_source(fuzz_clock);
     // The cleaner thread itself waits for an hour; passes run on this thread.
     db_set_clean_interval(std::chrono::hours(1));
     db_init();

@@ -29,6 +29,7 @@
 #include "qmx_nlu.h"
 #include "qmx_server.h"
 #include "qmxsrv_ctx.h"
+#include "util/clock.h"
 #include "xdb.h"
 #include "xdb_reference.h"
 #include "zor_ctrl.h"
@@ -55,7 +56,7 @@ size_t g_datagram_len = 0;  // length of the datagram being handled
 size_t g_events = 0;
 int32_t g_now = kStart;
 
-int32_t fuzz_clock() { return g_now; }
+int64_t fuzz_clock() { return g_now; }
 
 void on_event(const nl_event* ev) {
     ++g_events;
@@ -109,7 +110,7 @@ bool has(const std::string& line, std::string_view verb) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::setup();
-    db_set_clock(fuzz_clock);
+    clock_set_source(fuzz_clock);
     db_set_clean_interval(std::chrono::hours(1));
     db_init();
     load_category_file();

@@ -15,6 +15,7 @@
 #include "pctrl/pctrl_reader.h"
 #include "pctrl/pctrl_scheduler.h"
 #include "qmxsrv_ctx.h"
+#include "util/clock.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -51,7 +52,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::setup();
     setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
     tzset();
-    pctrl_set_clock([] { return kNow; });
+    clock_set_source([] { return int64_t{kNow}; });
     qmxsrv_ctx_set_pc_rule(scratch().path());
     return 0;
 }

@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include "util/c_ptr.h"
+#include "util/clock.h"
 #include "util/dir_chain.h"
 
 #include <fcntl.h>
@@ -87,7 +88,7 @@ log_state state;
 
 // "YYYYmmdd HH:MM:SS" in local time, or "--:--:--".
 void time_stamp(char (&out)[18]) {
-    time_t now = time(nullptr);
+    const time_t now = static_cast<time_t>(clock_now());
     struct tm tm_now;
     if (!localtime_r(&now, &tm_now) || strftime(out, sizeof out, "%Y%m%d %H:%M:%S", &tm_now) == 0)
         snprintf(out, sizeof out, "--:--:--");

@@ -6,7 +6,6 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -17,6 +16,7 @@
 #include "log.h"
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
+#include "util/clock.h"
 #include "zor_ctrl.h"
 
 struct verdict_entry : hash_entry_t {
@@ -57,7 +57,6 @@ struct cache_state {
     std::thread cleaner;    // covered by lock (started by init, joined by release)
     std::atomic<bool> running{false};  // written under lock, read anywhere
     std::atomic<hash_t*> table{nullptr};
-    std::atomic<db_clock_fn> clock{nullptr};
     std::atomic<int64_t> clean_ms{5000};
 };
 
@@ -66,10 +65,7 @@ cache_state& state() {
     return s;
 }
 
-int32_t now() {
-    db_clock_fn clock = state().clock.load();
-    return clock ? clock() : static_cast<int32_t>(time(nullptr));
-}
+int32_t now() { return static_cast<int32_t>(clock_now()); }
 
 const verdict_entry* as_entry(const void* item) {
     return static_cast<const verdict_entry*>(static_cast<const hash_entry_t*>(item));
@@ -355,8 +351,6 @@ db_verdict db_entry_verdict(const verdict_entry* entry) {
 }
 
 uint32_t db_count() { return hash_count(state().table.load()); }
-
-void db_set_clock(db_clock_fn clock) { state().clock.store(clock); }
 
 void db_set_clean_interval(std::chrono::milliseconds period) {
     state().clean_ms.store(period.count() > 0 ? period.count() : 1);

@@ -66,11 +66,9 @@ db_verdict db_entry_verdict(const verdict_entry* entry);
 // Number of entries (unlocked sum of the bucket counts).
 uint32_t db_count();
 
-// Seams for tests. The clock gives seconds since the epoch (null restores
-// time()); it is read by every operation that stamps or ages an entry. The
-// cleaner period (5 s in the product) applies to cleaners started afterwards.
-using db_clock_fn = int32_t (*)();
-void db_set_clock(db_clock_fn clock);
+// Seam for tests. The cleaner period (5 s in the product) applies to
+// cleaners started afterwards. Every operation that stamps or ages an entry
+// reads util/clock.h.
 void db_set_clean_interval(std::chrono::milliseconds period);
 // Runs one cleaner pass (200 buckets from the persistent cursor) on the
 // calling thread, under the cache mutex like the cleaner's own passes.

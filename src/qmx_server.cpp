@@ -25,9 +25,9 @@
 #include "qmx_nlu.h"
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
+#include "util/clock.h"
 #include "util/list.h"
 #include "util/locked_queue.h"
-#include "util/wall_clock.h"
 #include "xac.h"
 #include "xdb.h"
 #include "zor_ctrl.h"
@@ -157,7 +157,7 @@ bool answer_from_cache(qmx_srv* s, const queued_event& ev) {
 // Looks the report up; true when it asks for the pending keys to go out now
 // (flag bit 0 on a report no verdict answered).
 bool process_event(qmx_srv* s, const queued_event& ev) {
-    const int64_t now = now_seconds();
+    const int64_t now = clock_now();
     const int type = static_cast<int>(ev.data_type);
     std::optional<xdb_match> m;
     bool known = true;
@@ -302,13 +302,13 @@ void trigger_main(qmx_srv* s) {
     LOG_D("Start thread: routine trigger to query worker per %d seconds",
           static_cast<int>(s->trigger_period.count() / 1000));
     if (!trigger_sleep(s)) return;
-    LOG_D("[%" PRId64 "] trigger -> talvo query", now_seconds());
+    LOG_D("[%" PRId64 "] trigger -> talvo query", clock_now());
     while (s->running.load()) {
         // Only while nothing is pending: kept as the product has always
         // behaved; pending keys go out on a flagged report instead.
         if (s->queries.size() == 0) s->queries.wake();
         if (!trigger_sleep(s)) return;
-        LOG_D("[%" PRId64 "] trigger -> talvo query", now_seconds());
+        LOG_D("[%" PRId64 "] trigger -> talvo query", clock_now());
     }
 }
 

@@ -19,8 +19,8 @@
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
+#include "util/clock.h"
 #include "util/cmd_runner.h"
-#include "util/wall_clock.h"
 
 namespace {
 
@@ -163,7 +163,7 @@ std::shared_ptr<zor_auth> make_auth(const std::string& body) {
     if (!reply) return nullptr;
     auto a = std::make_shared<zor_auth>();
     a->ttl = reply->ttl;
-    a->start_time = static_cast<long>(now_seconds());
+    a->start_time = static_cast<long>(clock_now());
     a->exp_time = a->start_time + a->ttl;
     a->key = std::move(reply->key);
     a->cipher.reset(cipher_new(reinterpret_cast<const unsigned char*>(a->key.data()),
@@ -278,7 +278,7 @@ bool login_round(zor_session& s) {
 
 void wait_round(zor_session& s) {
     std::unique_lock<std::mutex> g(s.lock);
-    const int64_t now = now_seconds();
+    const int64_t now = clock_now();
     const bool have = s.current != nullptr;
     const int64_t exp = have ? s.current->exp_time : 0;
     const auto wait = zor_wait_rule(have, exp, now, std::chrono::milliseconds(retry_ms.load()));

@@ -11,9 +11,9 @@
 
 #include "log.h"
 #include "qmxsrv_ctx.h"
+#include "util/clock.h"
 #include "util/cmd_runner.h"
 #include "util/unique_fd.h"
-#include "util/wall_clock.h"
 
 namespace {
 
@@ -134,7 +134,7 @@ int zor_notify_u2k(int type, const char* key) {
     if (!words_ok("u2k", {key})) return -1;
     command cmd{format("db key2group u2k %d %s", type, key)};
     if (!prepare(cmd, kShellLineSize)) return -1;
-    LOG_D("[%" PRId64 "] %s", now_seconds(), cmd.what().c_str());
+    LOG_D("[%" PRId64 "] %s", clock_now(), cmd.what().c_str());
     return send(cmd);
 }
 
@@ -143,7 +143,7 @@ int zor_notify_db_group(int source, int type, const char* key, int ttl, int grou
     if (!words_ok("update", {key})) return -1;
     command cmd{format("db key2group update %d %d %s %d %d %d", source, type, key, ttl, group, sub_group)};
     if (!prepare(cmd, kShellLineSize)) return -1;
-    LOG_D("[%" PRId64 "] zor_notify_db_group %s", now_seconds(), cmd.what().c_str());
+    LOG_D("[%" PRId64 "] zor_notify_db_group %s", clock_now(), cmd.what().c_str());
     return send(cmd);
 }
 

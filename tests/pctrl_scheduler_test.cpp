@@ -24,8 +24,6 @@ using lines = std::vector<std::string>;
 const std::string kClean = "pc rule clean";
 std::string add_line(const std::string& args) { return "pc rule add " + args; }
 
-std::atomic<time_t> fake_now{0};
-
 // Waits until the log holds a line with `text`.
 bool logged(const log_capture& log, const std::string& text) {
     return zor_test::eventually([&] { return log.contains(text); });
@@ -35,8 +33,7 @@ class PctrlScheduler : public zor_test::pctrl_test {
 protected:
     void SetUp() override {
         pctrl_test::SetUp();
-        fake_now = utc(2024, 1, 6, 12);  // a Saturday
-        pctrl_set_clock([] { return fake_now.load(); });
+        pin(utc(2024, 1, 6, 12));  // a Saturday
         pctrl_sched_set_second(5ms);
         qmxsrv_ctx_set_pc_rule(nullptr);
     }
@@ -113,14 +110,14 @@ TEST_F(PctrlScheduler, AppliesAtStartAndJustAfterMidnightAndStopsAtOnce) {
                  "2": {"mac": "aabbccddeeff", "cn": "0",
                        "schedule": {"type": 1, "from": "0:00", "to": "23:59", "weekly": [0]}}})");
     const time_t before = utc(2024, 1, 6, 23, 59, 30), midnight = utc(2024, 1, 7);
-    fake_now = before;
+    pin(before);
     pctrl_sched_start();
     pctrl_sched_start();
     ASSERT_TRUE(logged(log, "Sleep seconds: 30"));
     EXPECT_TRUE(log.contains("[I] Today epoch: " + std::to_string(before)));
     EXPECT_TRUE(log.contains("[I] Excepted next epoch: " + std::to_string(midnight)));
     EXPECT_EQ(rec.lines().size(), 2u);  // Sunday's rule not yet
-    fake_now = midnight + 1;
+    pin(midnight + 1);
     ASSERT_TRUE(logged(log, "Sleep seconds: 86399"));
     auto t0 = std::chrono::steady_clock::now();
     pctrl_sched_stop();  // interrupts a wait of 86399 test seconds
@@ -148,7 +145,7 @@ TEST_F(PctrlScheduler, SchedulerAndCommandAppliesDoNotInterleave) {
                        "schedule": {"type": 1, "from": "0:00", "to": "23:59", "weekly": [0,1,2,3,4,5,6]}},
                  "2": {"mac": "aabbccddeeff", "dn": "games.example"}})");
     const time_t midnight = pctrl_next_midnight(utc(2024, 1, 6, 12));
-    fake_now = midnight - 1;
+    pin(midnight - 1);
     pctrl_sched_set_second(1ms);
     pctrl_sched_start();
     std::thread other([] {

@@ -10,6 +10,7 @@
 #include "ctrl_capture.h"
 #include "qmxsrv_ctx.h"
 #include "test_util.h"
+#include "util/clock.h"
 
 namespace {
 
@@ -31,13 +32,13 @@ class Db : public ::testing::Test {
 protected:
     void SetUp() override {
         fake_now = 1'000'000;
-        db_set_clock([] { return fake_now.load(); });
+        clock_set_source([] { return int64_t{fake_now.load()}; });
         qmxsrv_ctx.db_capacity = 2000;
         restart(1h);  // passes run only when a test asks
     }
     void TearDown() override {
         db_release();
-        db_set_clock(nullptr);
+        clock_set_source(nullptr);
         db_set_clean_interval(5s);
     }
     static void restart(std::chrono::milliseconds clean_interval) {

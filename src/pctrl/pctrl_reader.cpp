@@ -17,14 +17,13 @@
 
 #include "log.h"
 #include "util/c_ptr.h"
+#include "util/clock.h"
 #include "util/strutil.h"
 
 namespace {
 
 using text_ptr = malloc_ptr<char>;
 
-std::mutex clock_lock;
-std::function<time_t()> clock_fn;  // covered by clock_lock; empty means time()
 std::mutex mktime_lock;            // held around every pctrl_mktime
 
 enum class read_status { ok, empty, too_large };
@@ -246,7 +245,7 @@ int32_t rule_id(const char* key) {
 // rule is valid and due today, else null.
 std::unique_ptr<pctrl_rule> read_rule(const cJSON* member) {
     const char* id = member->string;
-    time_t now = pctrl_now();
+    const time_t now = static_cast<time_t>(clock_now());
     struct tm today;
     if (localtime_r(&now, &today) == nullptr) {
         LOG_D("No local time for rule id %s", id);
@@ -287,20 +286,6 @@ std::unique_ptr<pctrl_rule> read_rule(const cJSON* member) {
 }  // namespace
 
 pctrl_holder::~pctrl_holder() { pctrl_free_rules(this); }
-
-void pctrl_set_clock(std::function<time_t()> now) {
-    std::lock_guard<std::mutex> g(clock_lock);
-    clock_fn = std::move(now);
-}
-
-time_t pctrl_now() {
-    std::function<time_t()> fn;
-    {
-        std::lock_guard<std::mutex> g(clock_lock);
-        fn = clock_fn;
-    }
-    return fn ? fn() : time(nullptr);
-}
 
 time_t pctrl_mktime(struct tm* tm) {
     std::lock_guard<std::mutex> g(mktime_lock);

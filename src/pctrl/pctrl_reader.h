@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -67,10 +66,6 @@ void pctrl_free_rules(pctrl_holder* holder);
 // groups separated by ':' or '-' (a misplaced separator ends the scan).
 int pctrl_mac_valid(const char* text);
 
-// The clock parental control reads "now" from (epoch seconds). Both the
-// reader and the scheduler use it. An empty function restores time().
-void pctrl_set_clock(std::function<time_t()> now);
-time_t pctrl_now();
 // mktime for the reader and the scheduler, which may convert at the same
 // time on the IPC and scheduler threads. The C library rebuilds its time
 // zone state (freeing and copying the zone name) on every mktime under a lock

@@ -10,6 +10,7 @@
 #include "log.h"
 #include "pctrl/pctrl_reader.h"
 #include "qmxsrv_ctx.h"
+#include "util/clock.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -55,7 +56,7 @@ void pctrl_sched() {
     LOG_D("Start parental control scheduler ...\r\n");
     while (is_running()) {
         pctrl_apply_rules();
-        time_t now = pctrl_now();
+        const time_t now = static_cast<time_t>(clock_now());
         time_t next = pctrl_next_midnight(now);
         if (next < now) {
             LOG_I("nextday_epoch < cur_epoch");

@@ -9,7 +9,7 @@
 // the IPC thread are serialised, so their kernel commands never interleave.
 // Every kernel command is logged at level I as "pctrl command: <command>" and
 // sent through zor_ctrl.h; a rule whose mac or text the command cannot carry
-// as one word is skipped. "Now" comes from pctrl_now() (pctrl_reader.h).
+// as one word is skipped. "Now" comes from util/clock.h.
 #pragma once
 
 #include <chrono>

@@ -1,16 +1,19 @@
 // Test helper shared by the rule reader and scheduler tests: UTC calendar
-// times, the zone and rule clock restored after each test, rule files in a
+// times, the zone and clock restored after each test, rule files in a
 // temporary directory.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <string>
 
 #include "pctrl/pctrl_reader.h"
 #include "test_util.h"
+#include "util/clock.h"
 
 namespace zor_test {
 
@@ -31,10 +34,14 @@ class pctrl_test : public ::testing::Test {
 protected:
     void SetUp() override { use_zone("UTC0"); }
     void TearDown() override {
-        pctrl_set_clock({});
+        clock_set_source(nullptr);
         use_zone("UTC0");
     }
-    static void pin(time_t now) { pctrl_set_clock([now] { return now; }); }
+    // Holds the service's clock at `now` until the next pin or the end of the test.
+    static void pin(time_t now) {
+        pinned_.store(now);
+        clock_set_source([] { return pinned_.load(); });
+    }
     // Writes `json` as the rule file; returns its path.
     std::string rule_file(const std::string& json) {
         const std::string path = dir_.file("rules.json");
@@ -43,6 +50,9 @@ protected:
     }
 
     temp_dir dir_;
+
+private:
+    static inline std::atomic<int64_t> pinned_{0};
 };
 
 }  // namespace zor_test
