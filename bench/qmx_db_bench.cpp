@@ -20,6 +20,7 @@
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
+#include "util/timing.h"
 
 namespace {
 
@@ -67,7 +68,7 @@ public:
         cmd_set_runner(noop);
         qmxsrv_ctx.ctrl_shell = 1;
         qmxsrv_ctx.db_capacity = kEntries;
-        db_set_clean_interval(std::chrono::hours(1));
+        timing_set({.cache_clean = std::chrono::hours(1)});
         (void)db_init();
     }
     ~cache() {

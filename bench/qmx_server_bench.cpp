@@ -31,6 +31,7 @@
 #include "qmx_server.h"
 #include "qmxsrv_ctx.h"
 #include "util/cmd_runner.h"
+#include "util/timing.h"
 #include "xdb.h"
 #include "xdb_reference.h"
 #include "zor_ctrl.h"
@@ -75,7 +76,7 @@ public:
         qmxsrv_ctx.pid = getpid();
         qmxsrv_ctx.cloud_enabled = 0;
         qmxsrv_ctx.db_capacity = 2000;
-        db_set_clean_interval(std::chrono::hours(1));
+        timing_set({.cache_clean = std::chrono::hours(1)});
         (void)db_init();
         ok_ = qmx_srv_start() == 1;
     }

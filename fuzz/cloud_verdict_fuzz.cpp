@@ -21,6 +21,7 @@
 #include "qmx_db.h"
 #include "util/c_ptr.h"
 #include "util/clock.h"
+#include "util/timing.h"
 
 namespace {
 
@@ -55,7 +56,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::setup();
     clock_set_source(fuzz_clock);
     // The cleaner thread itself waits for an hour; passes run on this thread.
-    db_set_clean_interval(std::chrono::hours(1));
+    timing_set({.cache_clean = std::chrono::hours(1)});
     db_init();
     atexit(db_release);
     return 0;

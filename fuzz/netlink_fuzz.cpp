@@ -30,6 +30,7 @@
 #include "qmx_server.h"
 #include "qmxsrv_ctx.h"
 #include "util/clock.h"
+#include "util/timing.h"
 #include "xdb.h"
 #include "xdb_reference.h"
 #include "zor_ctrl.h"
@@ -111,13 +112,12 @@ bool has(const std::string& line, std::string_view verb) {
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     fuzz::setup();
     clock_set_source(fuzz_clock);
-    db_set_clean_interval(std::chrono::hours(1));
+    timing_set({.cache_clean = std::chrono::hours(1), .query_trigger = std::chrono::hours(1)});
     db_init();
     load_category_file();
     qmxsrv_ctx.pid = getpid();
     qmxsrv_ctx.running = 1;
     qmxsrv_ctx.cloud_enabled = 1;
-    qmx_srv_set_trigger_interval(std::chrono::hours(1));
     if (qmx_srv_start() != 1) fuzz::fail("event workers not started");
     atexit([] {
         qmx_srv_release();

@@ -3,6 +3,7 @@
 #include "util/c_ptr.h"
 #include "util/clock.h"
 #include "util/dir_chain.h"
+#include "util/timing.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <cerrno>
 #include <condition_variable>
 #include <cstdarg>
@@ -60,7 +62,6 @@ struct log_state {
     std::atomic<uint32_t> level{kDefaultLevel};
     std::atomic<int> disabled{0};
     std::atomic<int> console{0};
-    std::atomic<int64_t> clean_period_ms{60000};
 
     // Held by init, release and free so that two lifecycle calls never
     // overlap; the cleaner never takes it.
@@ -412,8 +413,7 @@ void start_cleaner() {
         state.cleaner_stop = false;
     }
     try {
-        state.cleaner = std::thread(cleaner_main,
-                                    std::chrono::milliseconds(state.clean_period_ms.load()));
+        state.cleaner = std::thread(cleaner_main, timing_get().log_clean);
     } catch (const std::system_error&) {
         LOG_E("Failed to create clean log thread");
     }
@@ -478,10 +478,6 @@ void log_set(int enabled, int console) {
 log_context* log_get() {
     std::lock_guard<std::mutex> guard(state.lock);
     return state.ctx.get();
-}
-
-void log_set_clean_interval(std::chrono::milliseconds period) {
-    state.clean_period_ms = std::max<int64_t>(1, period.count());
 }
 
 // The eight writers differ only in their level number.

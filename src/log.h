@@ -22,7 +22,6 @@
 // mode 0640 whatever the umask, and the directories it makes are 0750.
 #pragma once
 
-#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -45,10 +44,6 @@ void log_set_level(uint32_t level);
 // level-writer line to standard output.
 void log_set(int enabled, int console);
 log_context* log_get();
-
-// Period of the cleaner's size check (60 s in the product; tests shorten it).
-// Takes effect for cleaners started afterwards.
-void log_set_clean_interval(std::chrono::milliseconds period);
 
 // The level writers. `file` is the caller's source path, `line` its line.
 // log_set(0, ...) silences all of them, "G" included.

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -31,11 +32,10 @@
 #include "qmx_server.h"
 #include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
+#include "util/timing.h"
 #include "xdb.h"
 
 namespace {
-
-constexpr timespec kWaitPeriod = {1, 0};
 
 // Set by the signal handler, read by the wait loop: a lock-free atomic, the
 // one kind of shared word a handler may store to.
@@ -265,9 +265,17 @@ void start_subsystems(const entry_options& o) {
     }
 }
 
-[[noreturn]] void wait_loop(const sigset_t& wait_mask) {
+// `period` as the time-out of ppoll.
+timespec wait_period(std::chrono::milliseconds period) {
+    const auto s = std::chrono::duration_cast<std::chrono::seconds>(period);
+    return {static_cast<time_t>(s.count()),
+            static_cast<long>(std::chrono::nanoseconds(period - s).count())};
+}
+
+[[noreturn]] void wait_loop(const sigset_t& wait_mask, std::chrono::milliseconds period) {
+    const timespec wait = wait_period(period);
     for (;;) {
-        if (stop_signal.load() == 0) ppoll(nullptr, 0, &kWaitPeriod, &wait_mask);
+        if (stop_signal.load() == 0) ppoll(nullptr, 0, &wait, &wait_mask);
         if (stop_signal.load() != 0) service_shutdown(0);
         if (qmxsrv_ctx.running == 0) service_shutdown(0);
         if (qmxsrv_ctx.auth_invalid != 0) {
@@ -313,5 +321,5 @@ int main(int argc, char** argv) {
     start_subsystems(opt);
     LOG_I("ZOR service start up");
     kmod_load();
-    wait_loop(wait_mask);
+    wait_loop(wait_mask, timing_get().stop_check);
 }

@@ -13,11 +13,9 @@
 #include <string>
 
 #include "log.h"
+#include "util/timing.h"
 
 namespace {
-
-std::atomic<long> form_timeout_ms{5000};
-std::atomic<long> request_timeout_ms{10000};
 
 // Redirects are followed, but not for ever.
 constexpr long kMaxRedirects = 5;
@@ -211,10 +209,6 @@ bool qmx_curl_https_url(const char* url) {
     return url && strncasecmp(url, "https://", 8) == 0;
 }
 
-void qmx_curl_set_timeouts(std::chrono::milliseconds form, std::chrono::milliseconds request) {
-    form_timeout_ms = static_cast<long>(form.count());
-    request_timeout_ms = static_cast<long>(request.count());
-}
 
 int curl_post_form(const char* url, std::span<const http_form_field> form,
                    http_response_ptr& response, const http_abort_fn& should_abort) {
@@ -240,7 +234,8 @@ int curl_post_form(const char* url, std::span<const http_form_field> form,
             return CURLE_OUT_OF_MEMORY;
         }
     }
-    set_common_options(h.get(), url, headers.get(), &buf, &should_abort, form_timeout_ms.load());
+    set_common_options(h.get(), url, headers.get(), &buf, &should_abort,
+                       static_cast<long>(timing_get().form_timeout.count()));
     curl_easy_setopt(h.get(), CURLOPT_POST, 1L);
     curl_easy_setopt(h.get(), CURLOPT_MIMEPOST, mime.get());
     curl_easy_setopt(h.get(), CURLOPT_NOSIGNAL, 1L);
@@ -266,7 +261,7 @@ int curl_request(const char* url, const char* authorization, const char* body,
         return CURLE_OUT_OF_MEMORY;
     }
     set_common_options(h.get(), url, headers.get(), &buf, &should_abort,
-                       request_timeout_ms.load());
+                       static_cast<long>(timing_get().request_timeout.count()));
     if (body) {
         curl_easy_setopt(h.get(), CURLOPT_CUSTOMREQUEST, "POST");
         curl_easy_setopt(h.get(), CURLOPT_POST, 1L);

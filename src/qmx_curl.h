@@ -12,12 +12,15 @@
 // or against the bundle qmx_curl_set_tls names; checking can be turned off
 // for a cloud without a usable certificate. Every socket is close-on-exec.
 //
+// Connect and total time-outs are zor_timing's form_timeout (the form POST,
+// 5 s) and request_timeout (the text requests, 10 s), read as each request
+// starts.
+//
 // Every request takes an optional abort predicate, polled from libcurl's
 // progress callback (several times a second while a transfer waits), so a
 // stopping service never waits on the network.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -78,8 +81,3 @@ void qmx_curl_release();
 void qmx_curl_set_tls(bool verify, const char* ca_file);
 // True when `url` is an https:// URL, the only kind the transport fetches.
 bool qmx_curl_https_url(const char* url);
-
-// Connect and total time-outs of the two paths: 5 s for the form POST and
-// 10 s for the text requests in the product. Tests shorten them. Take effect
-// for requests started afterwards.
-void qmx_curl_set_timeouts(std::chrono::milliseconds form, std::chrono::milliseconds request);

@@ -3,6 +3,7 @@
 #include <cjson/cJSON.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
 #include "util/clock.h"
+#include "util/timing.h"
 #include "zor_ctrl.h"
 
 struct verdict_entry : hash_entry_t {
@@ -57,7 +59,6 @@ struct cache_state {
     std::thread cleaner;    // covered by lock (started by init, joined by release)
     std::atomic<bool> running{false};  // written under lock, read anywhere
     std::atomic<hash_t*> table{nullptr};
-    std::atomic<int64_t> clean_ms{5000};
 };
 
 cache_state& state() {
@@ -130,11 +131,11 @@ void clean_pass_locked(cache_state& s) {
     s.cursor = (s.cursor + kBucketsPerPass) % table->bucket_count;
 }
 
-void cleaner_main() {
+void cleaner_main(std::chrono::milliseconds period) {
     cache_state& s = state();
     std::unique_lock<std::mutex> lk(s.lock);
     for (;;) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(s.clean_ms.load());
+        auto deadline = std::chrono::steady_clock::now() + period;
         s.cond.wait_until(lk, deadline, [&] { return !s.running.load() || s.wake; });
         s.wake = false;
         if (!s.running.load()) return;
@@ -198,7 +199,7 @@ int db_init() {
     s.running.store(true);
     s.wake = false;
     try {
-        s.cleaner = std::thread(cleaner_main);
+        s.cleaner = std::thread(cleaner_main, timing_get().cache_clean);
     } catch (const std::system_error& e) {
         LOG_E("verdict cache: cleaner not started: %s", e.what());
     }
@@ -351,10 +352,6 @@ db_verdict db_entry_verdict(const verdict_entry* entry) {
 }
 
 uint32_t db_count() { return hash_count(state().table.load()); }
-
-void db_set_clean_interval(std::chrono::milliseconds period) {
-    state().clean_ms.store(period.count() > 0 ? period.count() : 1);
-}
 
 void db_clean_pass() {
     cache_state& s = state();

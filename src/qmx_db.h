@@ -14,7 +14,6 @@
 // (init, release). db_release runs only after every user has stopped.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -66,10 +65,8 @@ db_verdict db_entry_verdict(const verdict_entry* entry);
 // Number of entries (unlocked sum of the bucket counts).
 uint32_t db_count();
 
-// Seam for tests. The cleaner period (5 s in the product) applies to
-// cleaners started afterwards. Every operation that stamps or ages an entry
-// reads util/clock.h.
-void db_set_clean_interval(std::chrono::milliseconds period);
+// Every operation that stamps or ages an entry reads util/clock.h; the
+// cleaner's period is zor_timing::cache_clean (util/timing.h), taken at init.
 // Runs one cleaner pass (200 buckets from the persistent cursor) on the
 // calling thread, under the cache mutex like the cleaner's own passes.
 void db_clean_pass();

@@ -21,6 +21,7 @@
 
 #include "log.h"
 #include "util/cmd_runner.h"
+#include "util/timing.h"
 #include "util/unique_fd.h"
 #include "zor_ctrl.h"
 
@@ -32,8 +33,6 @@ constexpr size_t kGenlOffset = 16;                          // genl header
 constexpr size_t kAttrOffset = 20;                          // first attribute
 constexpr size_t kEventOffset = 24;                         // nl_event record
 constexpr size_t kEventHeader = kEventOffset + sizeof(nl_event);  // 36: start of data
-constexpr auto kRetryUnknown = std::chrono::seconds(1);
-constexpr auto kRetryKnown = std::chrono::seconds(5);
 // The kernel module never waits for room in our receive queue: what does not
 // fit is lost. The queue has to ride out the moments the receive thread
 // waits for a processor in a burst of reports: 1 MiB (the kernel counts it
@@ -134,7 +133,7 @@ bool send_family_request(nlu_ctx* ctx, const std::vector<uint8_t>& req) {
     return true;
 }
 
-void family_main(nlu_ctx* ctx) {
+void family_main(nlu_ctx* ctx, zor_timing timing) {
     LOG_I("start get netlink family id");
     const std::vector<uint8_t> req = nlu_family_request();
     for (;;) {
@@ -142,7 +141,7 @@ void family_main(nlu_ctx* ctx) {
         if (!sent) ctx->fid.store(0);
         // The send lock is already released here, so nlu_send is never held
         // up by a failing resolver.
-        auto pause = sent && ctx->fid.load() != 0 ? kRetryKnown : kRetryUnknown;
+        auto pause = sent && ctx->fid.load() != 0 ? timing.family_refresh : timing.family_retry;
         if (wait_stop(ctx, pause)) return;
     }
 }
@@ -238,7 +237,7 @@ bool bind_port(int fd, uint32_t port, uint32_t* bound) {
 nlu_ctx* start_threads(nlu_ctx* ctx) {
     try {
         ctx->recv_thread = std::thread(recv_main, ctx);
-        ctx->family_thread = std::thread(family_main, ctx);
+        ctx->family_thread = std::thread(family_main, ctx, timing_get());
     } catch (const std::system_error& e) {
         LOG_E("netlink thread not started: %s", e.what());
         nlu_close(ctx);

@@ -28,6 +28,7 @@
 #include "util/clock.h"
 #include "util/list.h"
 #include "util/locked_queue.h"
+#include "util/timing.h"
 #include "xac.h"
 #include "xdb.h"
 #include "zor_ctrl.h"
@@ -96,7 +97,6 @@ struct qmx_srv {
 };
 
 std::atomic<qmx_srv*> g_srv{nullptr};
-std::atomic<int64_t> g_trigger_ms{10000};
 
 bool is_domain(uint32_t type, uint32_t len) { return type == kTypeDomain && len == kDomainField; }
 
@@ -366,7 +366,7 @@ int qmx_srv_start() {
     if (g_srv.load()) return 1;
     auto* s = new (std::nothrow) qmx_srv;
     if (!s) return 0;
-    s->trigger_period = std::chrono::milliseconds(g_trigger_ms.load());
+    s->trigger_period = timing_get().query_trigger;
     s->running.store(true);
     bool ok = start_thread(s->sender_thread, sender_main, s,
                            "Failed to create worker: send request to query talvo");
@@ -441,8 +441,4 @@ uint64_t qmx_srv_finished_events() {
 uint32_t qmx_srv_pending_queries() {
     qmx_srv* s = g_srv.load();
     return s ? s->queries.size() : 0;
-}
-
-void qmx_srv_set_trigger_interval(std::chrono::milliseconds period) {
-    g_trigger_ms.store(period.count() > 0 ? period.count() : 1);
 }

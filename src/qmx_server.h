@@ -10,13 +10,13 @@
 // wakes the sender once every report that arrived before it is looked up);
 // the query sender sends the pending keys in batches of at most 50 (only
 // while the cloud is enabled and the session ready; otherwise a batch is
-// dropped); the trigger wakes the sender every 10 s while no key is pending.
+// dropped); the trigger wakes the sender every 10 s (zor_timing's
+// query_trigger) while no key is pending.
 // start and release run on the main thread. All threads are joined by
 // release, which returns promptly: it stops accepting reports, aborts a cloud
 // query in flight and wakes every thread.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 
 struct nl_event;
@@ -44,7 +44,3 @@ uint32_t qmx_srv_queued_events();
 uint32_t qmx_srv_lookup_events();
 uint64_t qmx_srv_finished_events();
 uint32_t qmx_srv_pending_queries();
-
-// Period of the trigger (10 s in the product; tests shorten it). Applies to
-// triggers started afterwards.
-void qmx_srv_set_trigger_interval(std::chrono::milliseconds period);

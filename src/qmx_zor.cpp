@@ -21,6 +21,7 @@
 #include "util/c_ptr.h"
 #include "util/clock.h"
 #include "util/cmd_runner.h"
+#include "util/timing.h"
 
 namespace {
 
@@ -35,8 +36,6 @@ constexpr int kTokenRefused = 101;       // error code of a token the server no 
 // query sender (8 x 3 x the request time-out).
 constexpr size_t kMaxServers = 8;
 constexpr int64_t kMaxTtl = 0x7fffffff;  // token lifetimes are clamped to this
-
-std::atomic<int64_t> retry_ms{30000};
 
 // One successful login. Immutable once published as `current`.
 struct zor_auth {
@@ -58,6 +57,7 @@ struct zor_session {
     std::string id;
     std::string password;
     std::string host;
+    std::chrono::milliseconds retry{};  // the wait after a failed round
 
     std::mutex lock;  // covers current, previous, wake, last_wait, rounds
     std::condition_variable cond;
@@ -281,7 +281,7 @@ void wait_round(zor_session& s) {
     const int64_t now = clock_now();
     const bool have = s.current != nullptr;
     const int64_t exp = have ? s.current->exp_time : 0;
-    const auto wait = zor_wait_rule(have, exp, now, std::chrono::milliseconds(retry_ms.load()));
+    const auto wait = zor_wait_rule(have, exp, now, s.retry);
     s.last_wait = zor_wait_note{++s.rounds, now, have, exp, wait};
     s.cond.wait_for(g, wait, [&s] { return s.stop || s.wake; });
     s.wake = false;
@@ -377,10 +377,6 @@ std::chrono::milliseconds zor_wait_rule(bool have_session, int64_t exp_time, int
     return seconds(1);
 }
 
-void zor_set_retry_interval(std::chrono::milliseconds retry) {
-    retry_ms = retry.count();
-}
-
 std::optional<zor_wait_note> zor_last_wait() {
     std::shared_ptr<zor_session> s = get_session();
     if (!s) return std::nullopt;
@@ -407,6 +403,7 @@ int zor_init(const char* server, const char* product, const char* id, const char
     s->id = id;
     s->password = password;
     s->host = host;
+    s->retry = timing_get().login_retry;
     try {
         s->maintainer = std::thread(maintain, s.get());
     } catch (const std::system_error&) {

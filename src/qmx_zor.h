@@ -7,8 +7,8 @@
 // joins it. Each round it retires the live login record, logs in, pings the
 // servers of the new record from its server_index on, publishes the record
 // when a server answers, and waits: until five minutes before the token
-// expires, or a retry interval after any failure. zor_relogin cuts the wait
-// short. A login refused with an error code sets qmxsrv_ctx.auth_invalid and
+// expires, or the retry interval after any failure (zor_timing's
+// login_retry, taken by zor_init). zor_relogin cuts the wait short. A login refused with an error code sets qmxsrv_ctx.auth_invalid and
 // ends the maintainer.
 //
 // Login records are immutable once published and shared by reference, so a
@@ -83,10 +83,6 @@ std::optional<std::string> zor_query(const char* text, const std::atomic<bool>* 
 // Without a session: `retry`.
 std::chrono::milliseconds zor_wait_rule(bool have_session, int64_t exp_time, int64_t now,
                                         std::chrono::milliseconds retry);
-
-// The wait after a failed round (30 s in the product; tests shorten it).
-// Takes effect at the maintainer's next wait.
-void zor_set_retry_interval(std::chrono::milliseconds retry);
 
 // The maintainer's latest wait decision, for diagnostics and tests.
 struct zor_wait_note {

@@ -106,6 +106,21 @@ TEST_F(IpcServer, ShortAndEmptyRequestsNeverStopTheServer) {
     EXPECT_EQ(qmxsrv_ctx.cloud_enabled.load(), 1);
 }
 
+// A connected client that sends nothing is dropped once the request wait has
+// passed (here 100 ms instead of the product's 5 s), and the next is served.
+TEST_F(IpcServer, SilentClientIsDroppedAfterTheRequestWait) {
+    ipc_srv_stop();
+    zor_test::scoped_timing timing({.ipc_request = 100ms});
+    ASSERT_EQ(ipc_srv_start(), 1);
+    ipc_socket silent(sock_);
+    ASSERT_TRUE(silent.ok());
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(silent.read_to_end(), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, 2s);
+    EXPECT_TRUE(log_.contains("[D] No request within 100 ms, connection closed"));
+    EXPECT_EQ(call(IPC_CMD_CLOUD_ENABLE).result, 0);
+}
+
 TEST_F(IpcServer, StopInterruptsAWaitForARequestAndRemovesTheSocket) {
     ipc_socket idle(sock_);
     ASSERT_TRUE(idle.ok());

@@ -50,7 +50,7 @@ protected:
     void TearDown() override {
         log_release();
         log_set(1, 0);
-        log_set_clean_interval(60s);
+        timing_set(zor_timing{});
     }
     std::string path() const { return dir.file("zorsrv.log"); }
     void start(uint32_t level, const std::string& where = "") {
@@ -130,7 +130,7 @@ TEST_F(LogTest, LifecycleCallsAreSafeAnyTime) {
 }
 
 TEST_F(LogTest, FileOfExactly1MiBStaysAndOneByteMoreIsRotated) {
-    log_set_clean_interval(10ms);
+    timing_set({.log_clean = 10ms});
     start(6);  // the cleaner's own start line must not grow the file
     log_i("abc", 1, "first");
     ASSERT_EQ(truncate(path().c_str(), 1048576), 0);
@@ -209,7 +209,7 @@ TEST_F(LogTest, OneCallIsOneLine) {
 // the umask: a daemon runs with umask 0.
 TEST_F(LogTest, FilesAndDirectoriesGetExplicitModes) {
     const mode_t old_mask = umask(0);
-    log_set_clean_interval(10ms);
+    timing_set({.log_clean = 10ms});
     const std::string deep = dir.path() + "/made/log";
     start(6, deep);
     log_i("abc", 1, "first");

@@ -34,13 +34,13 @@ protected:
     void SetUp() override {
         pctrl_test::SetUp();
         pin(utc(2024, 1, 6, 12));  // a Saturday
-        pctrl_sched_set_second(5ms);
+        timing_set({.rule_second = 5ms});
         qmxsrv_ctx_set_pc_rule(nullptr);
     }
     void TearDown() override {
         pctrl_sched_stop();
         qmxsrv_ctx_set_pc_rule(nullptr);
-        pctrl_sched_set_second(1000ms);
+        timing_set(zor_timing{});
         pctrl_test::TearDown();
     }
     void set_rules(const std::string& json) { qmxsrv_ctx_set_pc_rule(rule_file(json).c_str()); }
@@ -146,7 +146,7 @@ TEST_F(PctrlScheduler, SchedulerAndCommandAppliesDoNotInterleave) {
                  "2": {"mac": "aabbccddeeff", "dn": "games.example"}})");
     const time_t midnight = pctrl_next_midnight(utc(2024, 1, 6, 12));
     pin(midnight - 1);
-    pctrl_sched_set_second(1ms);
+    timing_set({.rule_second = 1ms});
     pctrl_sched_start();
     std::thread other([] {
         for (int i = 0; i < 10; ++i) pctrl_apply_rules();

@@ -11,6 +11,7 @@
 #include "qmxsrv_ctx.h"
 #include "test_util.h"
 #include "util/clock.h"
+#include "util/timing.h"
 
 namespace {
 
@@ -39,11 +40,11 @@ protected:
     void TearDown() override {
         db_release();
         clock_set_source(nullptr);
-        db_set_clean_interval(5s);
+        timing_set(zor_timing{});
     }
     static void restart(std::chrono::milliseconds clean_interval) {
         db_release();
-        db_set_clean_interval(clean_interval);
+        timing_set(zor_timing{.cache_clean = clean_interval});
         ASSERT_EQ(db_init(), 0);
     }
 };
@@ -211,7 +212,6 @@ TEST_F(Db, ConcurrentUseKeepsReferencesBalanced) {
     stop = true;
     importer.join();
     fake_now += 86401;
-    db_set_clean_interval(1h);
     clean_everything();
     EXPECT_EQ(db_count(), 0u);
 }

@@ -30,6 +30,7 @@
 #include "qmxsrv_ctx.h"
 #include "util/c_ptr.h"
 #include "util/group_id.h"
+#include "util/timing.h"
 #include "util/unique_fd.h"
 
 namespace {
@@ -246,12 +247,13 @@ namespace {
 
 // --- the command thread ---------------------------------------------------
 
-// Serves one connection. Returns false when stop was asked meanwhile.
-bool serve(int conn, int stop, ipc_reply& reply) {
-    switch (wait_readable(conn, stop, IPC_REQUEST_TIMEOUT_MS)) {
+// Serves one connection, waiting up to `request_ms` for its request. Returns
+// false when stop was asked meanwhile.
+bool serve(int conn, int stop, int request_ms, ipc_reply& reply) {
+    switch (wait_readable(conn, stop, request_ms)) {
         case wait_result::stop: return false;
         case wait_result::timeout:
-            LOG_D("No request within %d ms, connection closed", IPC_REQUEST_TIMEOUT_MS);
+            LOG_D("No request within %d ms, connection closed", request_ms);
             return true;
         case wait_result::error:
         case wait_result::ready: break;
@@ -309,7 +311,7 @@ bool accept_error_is_transient(int err) {
            err == EPROTO;
 }
 
-void ipc_thread(int listen, int stop, std::optional<gid_t> group) {
+void ipc_thread(int listen, int stop, std::optional<gid_t> group, int request_ms) {
     LOG_D("Start command handler ...\r\n");
     ipc_reply reply{};
     for (;;) {
@@ -327,7 +329,7 @@ void ipc_thread(int listen, int stop, std::optional<gid_t> group) {
         }
         unique_fd connection(conn);
         if (!peer_allowed(conn, group)) continue;
-        if (!serve(conn, stop, reply)) break;
+        if (!serve(conn, stop, request_ms, reply)) break;
     }
 }
 
@@ -437,7 +439,8 @@ int ipc_srv_start() {
     }
     query_abort = false;
     try {
-        ipc_thread_handle = std::thread(ipc_thread, sock.get(), stop.get(), group);
+        ipc_thread_handle = std::thread(ipc_thread, sock.get(), stop.get(), group,
+                                        static_cast<int>(timing_get().ipc_request.count()));
     } catch (const std::system_error&) {
         LOG_E("ipc_thread create failed!!!");
         unlink(path);

@@ -1,6 +1,8 @@
 // Local command channel: a Unix stream socket at the context's ipc_socket,
 // served by one command thread owned by this module, one 264-byte request and
-// one 260-byte reply per connection, in arrival order.
+// one 260-byte reply per connection, in arrival order. A connection whose
+// request does not come within zor_timing's ipc_request (5 s, taken at start)
+// is dropped, so that a silent client cannot hold the channel.
 //
 // ipc_srv_start and ipc_srv_stop are called by the main thread (start-up,
 // shutdown); the command thread writes the context's run-state words and
@@ -48,10 +50,6 @@ struct ipc_reply {
     char msg[256];   // zero-terminated; meaningful only for commands that set it
 };
 static_assert(sizeof(ipc_reply) == 260, "wire size of a reply");
-
-// How long the command thread waits for a connected client's request before
-// it drops the connection, so that a silent client cannot hold the channel.
-inline constexpr int IPC_REQUEST_TIMEOUT_MS = 5000;
 
 // Carries out one request as the command thread does, writing `reply` only
 // where the command writes it (the caller keeps the record between requests

@@ -1,6 +1,6 @@
 #include "pctrl/pctrl_scheduler.h"
 
-#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -11,6 +11,7 @@
 #include "pctrl/pctrl_reader.h"
 #include "qmxsrv_ctx.h"
 #include "util/clock.h"
+#include "util/timing.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -27,16 +28,15 @@ std::condition_variable wait_cv;
 bool running = false;  // covered by wait_lock; set by start, cleared by stop
 std::thread sched_thread;  // covered by control_lock
 
-std::atomic<long long> second_ms{1000};
-
 bool is_running() {
     std::lock_guard<std::mutex> g(wait_lock);
     return running;
 }
 
-// Waits `seconds` scheduler seconds or until stop. Returns false on stop.
-bool wait_seconds(long seconds) {
-    auto length = std::chrono::milliseconds(second_ms.load()) * seconds;
+// Waits `seconds` scheduler seconds (of `second` each) or until stop.
+// Returns false on stop.
+bool wait_seconds(std::chrono::milliseconds second, long seconds) {
+    auto length = second * seconds;
     std::unique_lock<std::mutex> lk(wait_lock);
     return !wait_cv.wait_for(lk, length, [] { return !running; });
 }
@@ -52,7 +52,7 @@ void send_rule(const pctrl_rule& rule) {
         LOG_D("Rule id %d not sent: a word the command cannot carry, or a line too long", rule.id);
 }
 
-void pctrl_sched() {
+void pctrl_sched(std::chrono::milliseconds second) {
     LOG_D("Start parental control scheduler ...\r\n");
     while (is_running()) {
         pctrl_apply_rules();
@@ -60,20 +60,20 @@ void pctrl_sched() {
         time_t next = pctrl_next_midnight(now);
         if (next < now) {
             LOG_I("nextday_epoch < cur_epoch");
-            wait_seconds(1);
+            wait_seconds(second, 1);
             continue;
         }
         long diff = static_cast<long>(next - now);
         if (diff > kSecondsPerDay) {
             // A 25-hour day: apply again each second until the day has caught up.
             LOG_I("diff_epoch biggger than 86400: %ld", diff);
-            wait_seconds(1);
+            wait_seconds(second, 1);
             continue;
         }
         LOG_I("Today epoch: %ld", static_cast<long>(now));
         LOG_I("Excepted next epoch: %ld", static_cast<long>(next));
         LOG_I("Sleep seconds: %ld", diff);
-        wait_seconds(diff);
+        wait_seconds(second, diff);
     }
     LOG_I("%s stopped", "pctrl_sched");
 }
@@ -87,10 +87,6 @@ time_t pctrl_next_midnight(time_t now) {
     tm.tm_mday += 1;  // mktime carries a month or year end
     tm.tm_isdst = -1;
     return pctrl_mktime(&tm);
-}
-
-void pctrl_sched_set_second(std::chrono::milliseconds length) {
-    second_ms = length.count() > 0 ? length.count() : 1;
 }
 
 int pctrl_clean_rules() { return zor_ctrl_pc_clean(); }
@@ -114,7 +110,7 @@ void pctrl_sched_start() {
         running = true;
     }
     try {
-        sched_thread = std::thread(pctrl_sched);
+        sched_thread = std::thread(pctrl_sched, timing_get().rule_second);
     } catch (const std::system_error&) {
         // The flag stays set: a later start does nothing until a stop.
         LOG_E("Failed to start parental control scheduler ...\r\n");

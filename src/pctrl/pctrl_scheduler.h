@@ -12,7 +12,6 @@
 // as one word is skipped. "Now" comes from util/clock.h.
 #pragma once
 
-#include <chrono>
 #include <ctime>
 
 // Starts the scheduler thread (applies at once). No-op while running.
@@ -31,7 +30,3 @@ int pctrl_clean_rules();
 // day at 00:00:00 with the zone's own daylight-saving rule, or -1 when the
 // local time of `now` cannot be had.
 time_t pctrl_next_midnight(time_t now);
-
-// The real length of one second of the scheduler's waits (1 s in the
-// product; tests shorten it). Takes effect at the next wait.
-void pctrl_sched_set_second(std::chrono::milliseconds length);

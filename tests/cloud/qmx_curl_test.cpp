@@ -34,7 +34,7 @@ protected:
     static void TearDownTestSuite() { qmx_curl_release(); }
 
     void SetUp() override {
-        qmx_curl_set_timeouts(5000ms, 10000ms);
+        timing_set(zor_timing{});  // the product's time-outs
         cloudsim::pkey_ptr key;
         cloudsim::x509_ptr cert;
         ASSERT_TRUE(cloudsim::make_certificate(&key, &cert));

@@ -111,8 +111,7 @@ protected:
 
     void SetUp() override {
         qmxsrv_ctx.auth_invalid = 0;
-        qmx_curl_set_timeouts(5000ms, 5000ms);
-        zor_set_retry_interval(kRetry);
+        timing_set({.login_retry = kRetry, .form_timeout = 5000ms, .request_timeout = 5000ms});
         std::string error;
         ASSERT_TRUE(sim.start(&error)) << error;
         ASSERT_TRUE(sim.save_certificate(ca_.file("cloud.pem")));
@@ -124,6 +123,7 @@ protected:
         sim.stop();
         qmx_curl_set_tls(true, nullptr);
         qmxsrv_ctx.auth_invalid = 0;
+        timing_set(zor_timing{});
     }
 
     // Replaces the simulator's script (on top of the test's category table)
@@ -234,7 +234,7 @@ TEST_F(Session, PingsAndQueriesMoveOnOverErrorsAndTimeOuts) {
     EXPECT_EQ(nodes_of("query"), (nodes{2, 0, 1}));
     EXPECT_EQ(zor_query(kQuery), kReply);  // the rotation did not move the start
     EXPECT_EQ(nodes_of("query"), (nodes{2, 0, 1, 2}));
-    qmx_curl_set_timeouts(5000ms, 800ms);
+    timing_set({.login_retry = kRetry, .form_timeout = 5000ms, .request_timeout = 800ms});
     for (auto [times, then] : {std::pair{"2", nodes{2, 2, 2}}, {"3", nodes{2, 2, 2, 0}}}) {
         script(std::string("query 2 times ") + times + " delay 3000", false);
         EXPECT_EQ(zor_query(kQuery), kReply) << times;

@@ -5,13 +5,14 @@
 // only in the build tree, for scripts/soak.sh.
 #include <chrono>
 
-#include "log.h"
-#include "qmx_db.h"
+#include "util/timing.h"
 
 int zor_service_main(int argc, char** argv);
 
 int main(int argc, char** argv) {
-    db_set_clean_interval(std::chrono::milliseconds(ZOR_SOAK_CACHE_CLEAN_MS));
-    log_set_clean_interval(std::chrono::milliseconds(ZOR_SOAK_LOG_CLEAN_MS));
+    zor_timing timing;
+    timing.cache_clean = std::chrono::milliseconds(ZOR_SOAK_CACHE_CLEAN_MS);
+    timing.log_clean = std::chrono::milliseconds(ZOR_SOAK_LOG_CLEAN_MS);
+    timing_set(timing);
     return zor_service_main(argc, argv);
 }

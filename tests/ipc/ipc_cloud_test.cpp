@@ -37,9 +37,8 @@ protected:
     static void TearDownTestSuite() { qmx_curl_release(); }
 
     void SetUp() override {
+        timing_set({.login_retry = 150ms, .form_timeout = 5000ms, .request_timeout = 5000ms});
         ipc_server_fixture::SetUp();
-        qmx_curl_set_timeouts(5000ms, 5000ms);
-        zor_set_retry_interval(150ms);
         std::string error;
         ASSERT_TRUE(sim_.start(&error)) << error;
         ASSERT_TRUE(sim_.apply("category www.example.com 3 4 24", &error)) << error;
@@ -53,6 +52,7 @@ protected:
         zor_release();
         sim_.stop();
         qmx_curl_set_tls(true, nullptr);
+        timing_set(zor_timing{});
     }
 
     cloudsim::simulator sim_;

@@ -73,13 +73,11 @@ protected:
     void SetUp() override {
         qmxsrv_ctx.pid = getpid();
         qmxsrv_ctx.db_capacity = 2000;
-        db_set_clean_interval(1h);
-        ASSERT_EQ(db_init(), 0);
         // The trigger wakes the sender while nothing is pending; a wake that
         // races with new keys would take them, so it stays out of the way.
-        qmx_srv_set_trigger_interval(1h);
+        timing_set({.cache_clean = 1h, .query_trigger = 1h, .form_timeout = 5000ms, .request_timeout = 5000ms});
+        ASSERT_EQ(db_init(), 0);
         ASSERT_EQ(qmx_srv_start(), 1);
-        qmx_curl_set_timeouts(5000ms, 5000ms);
         std::string error;
         ASSERT_TRUE(sim.start(&error) && sim.apply("category example.com 3 4 24", &error)) << error;
         ASSERT_TRUE(sim.save_certificate(files.file("cloud.pem")));
@@ -91,8 +89,8 @@ protected:
         hold.opened = hold_u2k.opened = hold_late.opened = true;
         qmx_srv_release();
         db_release();
-        qmx_srv_set_trigger_interval(10s);
         zor_release();
+        timing_set(zor_timing{});
         sim.stop();
         qmx_curl_set_tls(true, nullptr);
         qmxsrv_ctx.cloud_enabled = 0;

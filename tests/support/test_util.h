@@ -1,12 +1,15 @@
 // Helpers shared by the unit tests: a temporary directory that removes
-// itself, whole-file reads and writes, and a log capture that points the
-// service's log at a temporary directory for the life of one test.
+// itself, whole-file reads and writes, a log capture that points the
+// service's log at a temporary directory for the life of one test, and a
+// timing record set for the life of one test.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
+
+#include "util/timing.h"
 
 namespace zor_test {
 
@@ -63,6 +66,16 @@ public:
 
 private:
     temp_dir dir_;
+};
+
+// Sets the service's timing record for the life of the object and puts the
+// product's back on destruction. Made before what it times is started.
+class scoped_timing {
+public:
+    explicit scoped_timing(const zor_timing& timing) { timing_set(timing); }
+    ~scoped_timing() { timing_set(zor_timing{}); }
+    scoped_timing(const scoped_timing&) = delete;
+    scoped_timing& operator=(const scoped_timing&) = delete;
 };
 
 }  // namespace zor_test
