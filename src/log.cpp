@@ -7,6 +7,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -34,13 +35,20 @@ constexpr uint32_t kMaxSize = 0x100000;  // the file is rotated once it is large
 constexpr size_t kDumpMax = 2048;
 constexpr size_t kNameMax = 128;
 constexpr mode_t kFileMode = 0640;  // log file and its backup: never world-readable
+constexpr size_t kLineMax = 1024;   // a level-writer line with its NUL
+
+// The system log: ident (a literal, so it outlives every syslog call) and
+// the priority of each level writer, by its number. "G" lines must always
+// appear but are no emergency (LOG_EMERG goes to every terminal): notices.
+constexpr const char* kSyslogIdent = "zor_service";
+constexpr int kSyslogPriority[8] = {LOG_NOTICE, LOG_ALERT,   LOG_CRIT, LOG_ERR,
+                                    LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_DEBUG};
 
 }  // namespace
 
 // The running log. Every field is covered by log_state::lock.
 struct log_context {
     uint32_t level = kDefaultLevel;
-    char line[1024] = {};  // prefix and message of the line being written
     char dir[kNameMax + 1] = {};
     char name[kNameMax + 1] = {};
     char path[358] = {};  // "<dir>/<name>.log", built by the first line written
@@ -53,9 +61,13 @@ struct log_state {
     // Serialises every line, the cleaner's rename and the context's
     // lifetime: a writer can never see a context being freed.
     std::mutex lock;
-    std::unique_ptr<log_context> ctx;  // covered by lock; null = logging off
+    std::unique_ptr<log_context> ctx;  // covered by lock; null = no log file
+    // Between openlog and closelog: level-writer lines go to syslog(3) too,
+    // with or without a file. Covered by lock.
+    bool syslog_open = false;
 
-    // The running log's level, kept in step with ctx->level under `lock`:
+    // The running log's level, kept in step with ctx->level under `lock`
+    // (the threshold of syslog lines too):
     // a line above it is skipped before the lock is taken, so a thread that
     // only logs debug lines (the netlink receive thread in a flood of
     // reports) never waits while another one writes a line to the file.
@@ -350,25 +362,46 @@ void log_format(char* out, size_t cap, const char* fmt, va_list ap_in) {
 
 namespace {
 
+// The syslog copy of a line, `text` being the line after its time stamp
+// (syslog adds its own): the line ends some formats carry are dropped, and
+// any other control byte of the service's own format text becomes a blank,
+// so one call is one record. What conversions brought in is already shown
+// as \xHH. The caller holds state.lock.
+void send_syslog(uint32_t level, char* text) {
+    size_t n = strlen(text);
+    while (n > 0 && (text[n - 1] == '\r' || text[n - 1] == '\n')) text[--n] = '\0';
+    for (size_t i = 0; i < n; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F) text[i] = ' ';
+    }
+    syslog(kSyslogPriority[level & 7], "%s", text);
+}
+
 // The one level writer: `level` is the writer's number, 0 for "G".
 void write_line(uint32_t level, const char* file, int line, const char* fmt, va_list ap) {
     if (state.disabled.load() || !fmt || level > state.level.load(std::memory_order_relaxed)) return;
     std::lock_guard<std::mutex> guard(state.lock);
     log_context* ctx = state.ctx.get();
-    if (!ctx || ctx->level < level) return;
-    file_ptr fp = open_log(ctx);
-    if (!fp) return;
+    const bool to_file = ctx && ctx->level >= level;
+    if (!to_file && !state.syslog_open) return;
+    char text[kLineMax];
     char stamp[18];
     time_stamp(stamp);
-    int prefix = snprintf(ctx->line, sizeof ctx->line, "%s %.4s/%03d[%s] ", stamp,
-                          short_name(file), line, kTags[level]);
-    if (prefix > 0 && static_cast<size_t>(prefix) < sizeof ctx->line)
-        log_format(ctx->line + prefix, sizeof ctx->line - prefix, fmt, ap);
-    fprintf(fp.get(), "%s\r\n", ctx->line);
-    if (state.console.load()) {
-        printf("%s\r\n", ctx->line);
-        fflush(stdout);
+    const int stamp_len = snprintf(text, sizeof text, "%s ", stamp);
+    int prefix = snprintf(text + stamp_len, sizeof text - stamp_len, "%.4s/%03d[%s] ", short_name(file), line,
+                          kTags[level]);
+    if (prefix > 0 && static_cast<size_t>(stamp_len + prefix) < sizeof text)
+        log_format(text + stamp_len + prefix, sizeof text - stamp_len - prefix, fmt, ap);
+    if (to_file) {
+        if (file_ptr fp = open_log(ctx)) {
+            fprintf(fp.get(), "%s\r\n", text);
+            if (state.console.load()) {
+                printf("%s\r\n", text);
+                fflush(stdout);
+            }
+        }
     }
+    if (state.syslog_open) send_syslog(level, text + stamp_len);
 }
 
 // Moves the file aside to "<path>.bk" once it holds more than kMaxSize
@@ -456,18 +489,28 @@ void log_init(const char* dir, const char* name) {
 void log_release() {
     std::lock_guard<std::mutex> life(state.lifecycle);
     release_locked();
+    log_set_syslog(0);
 }
 
 void log_free() {
     std::lock_guard<std::mutex> life(state.lifecycle);
     free_locked();
+    log_set_syslog(0);
 }
 
 void log_set_level(uint32_t level) {
     std::lock_guard<std::mutex> guard(state.lock);
-    if (!state.ctx) return;
-    state.ctx->level = level;
+    if (state.ctx) state.ctx->level = level;
     state.level = level;
+}
+
+void log_set_syslog(int enabled) {
+    std::lock_guard<std::mutex> guard(state.lock);
+    if (enabled && !state.syslog_open)
+        openlog(kSyslogIdent, LOG_PID, LOG_DAEMON);
+    else if (!enabled && state.syslog_open)
+        closelog();
+    state.syslog_open = enabled != 0;
 }
 
 void log_set(int enabled, int console) {

@@ -3,8 +3,8 @@
 // <file>.bk once it grows past 1 MiB. Any thread may log; every writer holds
 // the module's mutex from opening the file to closing it, so lines never
 // interleave, and the file is reopened for every line so that a rotation or
-// an outside deletion takes effect at the next one. Before log_init() and
-// after log_release() every writer is a no-op. The lifecycle calls (init,
+// an outside deletion takes effect at the next one. Before log_init() or
+// log_set_syslog(1), and after log_release(), every writer is a no-op. The lifecycle calls (init,
 // release, free) may come from any thread but are meant for the main one.
 //
 // A level-writer line is "YYYYmmdd HH:MM:SS name/LLL[T] message" + CR LF,
@@ -20,6 +20,14 @@
 //
 // The file is never opened through a symbolic link; one the log makes gets
 // mode 0640 whatever the umask, and the directories it makes are 0750.
+//
+// With log_set_syslog(1) every level-writer line also goes to syslog(3),
+// with or without a file: ident "zor_service" with the pid, facility daemon,
+// the priority from the writer (G notice, A alert, C crit, E err, W warning,
+// N notice, I info, D debug), the text the file gets after its time stamp
+// (syslog stamps records itself), without trailing line ends and with any
+// other control byte of the format text as a blank. The same threshold and
+// log_set apply. Dumps and string lists stay in the file.
 #pragma once
 
 #include <cstdarg>
@@ -37,9 +45,16 @@ void log_init(const char* dir, const char* name);
 // Logs "log_release" (D), then does log_free. Safe twice and before init.
 void log_release();
 // Logs "log_free" (D), stops and joins the cleaner (it has nothing left to
-// do without a context) and frees the context. Safe twice and before init.
+// do without a context), frees the context and closes the syslog copy.
+// Safe twice and before init.
 void log_free();
+// The threshold of the file and of the syslog copy. log_init sets it back
+// to 6.
 void log_set_level(uint32_t level);
+// 1: opens the syslog copy (openlog once); 0: closes it (closelog). A
+// running copy survives log_init, so a log file can be started again
+// without losing it; log_release and log_free close it.
+void log_set_syslog(int enabled);
 // enabled = 0 silences the eight level writers; console = 1 mirrors every
 // level-writer line to standard output.
 void log_set(int enabled, int console);

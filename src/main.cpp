@@ -135,13 +135,12 @@ void log_start_lines() {
 // The start calls, each as its module defines it; main() walks them in the
 // table below.
 
-// Log files only with -l; the start lines go out either way (without log
-// files they are dropped).
+// Log files only with -l, the syslog copy only with syslog = 1; the start
+// lines go out either way (with neither they are dropped).
 int start_log(const entry_options& o) {
-    if (o.log_dir) {
-        log_init(o.log_dir, "zorsrv");
-        log_set_level(qmxsrv_ctx.log_level);
-    }
+    if (o.log_dir) log_init(o.log_dir, "zorsrv");
+    if (qmxsrv_ctx.log_syslog) log_set_syslog(1);
+    log_set_level(qmxsrv_ctx.log_level);
     log_start_lines();
     return 0;
 }

@@ -35,6 +35,7 @@ void ctx_reset() {
     c.pid = 0;
     clear_strings();
     c.log_level = 0;
+    c.log_syslog = 0;
     c.db_capacity = 0;
     c.tls_verify = 1;
 }
@@ -106,6 +107,7 @@ int qmxsrv_ctx_load(const char* path) {
     qmxsrv_ctx.db_capacity = 2000;
     http_mode = static_cast<int32_t>(ini_get_int(ini.get(), kSection, "http_mode", 0));
     qmxsrv_ctx.ctrl_shell = ini_get_int(ini.get(), kSection, "ctrl_shell", 0) == 1 ? 1 : 0;
+    qmxsrv_ctx.log_syslog = ini_get_int(ini.get(), kSection, "syslog", 0) == 1 ? 1 : 0;
     ini.reset();
 
     // Made for the ipc_group too, when one is configured: the command socket

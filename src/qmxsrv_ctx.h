@@ -40,6 +40,7 @@ struct qmxsrv_ctx_t {
     std::optional<std::string> ca_file;    // PEM bundle trusted for the cloud instead of the system's
     int32_t tls_verify = 1;                // 0: the cloud's certificate is not checked
     uint32_t log_level = 0;  // 0..6
+    int32_t log_syslog = 0;  // 1 (INI key syslog = 1): log lines go to syslog(3) too
     int32_t db_capacity = 0; // always 2000 once loaded
 };
 

@@ -1,7 +1,11 @@
 #include "log.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -9,11 +13,13 @@
 #include <ctime>
 #include <regex>
 #include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "syslog_sink.h"
 #include "test_util.h"
 
 namespace {
@@ -42,6 +48,49 @@ std::string formatted(size_t cap, const char* fmt, ...) {
     log_format(out.data(), cap, fmt, ap);
     va_end(ap);
     return out.c_str();
+}
+
+// What syslog(3) sent while `body` ran in a child process whose /dev is
+// `dir` (bound over it in a private mount namespace), so that its records
+// reach the sink bound here at <dir>/log. Drained while the child runs: a
+// full datagram queue would stall its sends. This process stays
+// single-threaded for the fork. nullopt when the namespace cannot be made.
+std::optional<std::vector<zor_test::syslog_record>> syslog_of(const std::string& dir,
+                                                               const std::function<void()>& body) {
+    zor_test::syslog_sink sink(dir + "/log");
+    if (!sink.ok()) {
+        ADD_FAILURE() << "cannot bind " << dir << "/log";
+        return std::nullopt;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount(dir.c_str(), "/dev", nullptr, MS_BIND, nullptr) != 0)
+            _exit(77);
+        body();
+        _exit(0);
+    }
+    int status = -1;
+    const auto limit = std::chrono::steady_clock::now() + 30s;
+    bool ended = false;
+    while (!ended) {
+        pollfd p{sink.fd(), POLLIN, 0};
+        poll(&p, 1, 20);
+        sink.drain();
+        ended = waitpid(child, &status, WNOHANG) == child;
+        if (!ended && std::chrono::steady_clock::now() > limit) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            ADD_FAILURE() << "the child did not end";
+            ended = true;
+        }
+    }
+    sink.drain();
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) return std::nullopt;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+    std::vector<zor_test::syslog_record> got = sink.records();
+    for (const auto& r : got) EXPECT_TRUE(r.ident == "zor_service" && r.pid == child) << r.raw;
+    return got;
 }
 
 class LogTest : public ::testing::Test {
@@ -205,6 +254,21 @@ TEST_F(LogTest, OneCallIsOneLine) {
     EXPECT_NE(lines()[0].find("key: evil.example\\x0D\\x0A20240101"), std::string::npos) << lines()[0];
 }
 
+// An outside tool may move the file away between two lines (a log rotator
+// without copytruncate): the moved file keeps its lines and the next line
+// starts a fresh file, with no signal.
+TEST_F(LogTest, FileMovedAwayIsStartedAfreshAtTheNextLine) {
+    start(6);
+    log_i("abc", 1, "before");
+    ASSERT_EQ(rename(path().c_str(), (path() + ".1").c_str()), 0);
+    log_i("abc", 2, "after");
+    const std::string moved = read_file(path() + ".1");
+    EXPECT_NE(moved.find("[I] before\r\n"), std::string::npos) << moved;
+    EXPECT_EQ(moved.find("after"), std::string::npos) << moved;
+    ASSERT_EQ(lines().size(), 1u);
+    EXPECT_NE(lines()[0].find("[I] after"), std::string::npos) << lines()[0];
+}
+
 // The file and its backup are 0640 and the directories made 0750 whatever
 // the umask: a daemon runs with umask 0.
 TEST_F(LogTest, FilesAndDirectoriesGetExplicitModes) {
@@ -251,6 +315,49 @@ TEST_F(LogTest, PlantedLinksAreNotFollowed) {
     log_i("abc", 1, "back");
     ASSERT_EQ(lines().size(), 1u);
     EXPECT_EQ(mode_of(path()), 0640u);
+}
+
+// The syslog copy, seen at the socket syslog(3) writes to: every writer at
+// facility daemon with its own priority, the file's text after the time
+// stamp (outside control bytes as \xHH, the format's own line ends dropped
+// and its other control bytes blanks), the file's threshold and log_set
+// applied, with or without a file, kept across a new log_init and closed by
+// log_release.
+TEST_F(LogTest, SyslogCopyReachesTheSystemLogSocket) {
+    const std::string file_dir = dir.file("files");
+    auto got = syslog_of(dir.path(), [&] {
+        log_set_syslog(1);
+        log_set_level(7);
+        for (auto* writer : {log_g, log_a, log_c, log_e, log_w, log_n, log_i, log_d}) writer("t.cpp", 1, "m");
+        log_set_level(3);
+        log_i("abc", 2, "above the threshold");
+        log_set(0, 0);
+        log_g("abc", 3, "silenced");
+        log_set(1, 0);
+        log_init(file_dir.c_str(), "zorsrv");
+        log_set_level(6);
+        log_e("abc", 4, "key: %s\r\n", "evil\nx\x1b[2J");
+        log_w("abc", 5, "rule:\n%s\tend", "r");
+        log_release();
+        log_e("abc", 6, "after release");
+    });
+    if (!got) GTEST_SKIP() << "needs root and mount namespaces (unshare and mount refused)";
+    struct want { int priority; std::string message; };
+    const want wanted[] = {
+        {3 * 8 + 5, "t.cp/001[G] m"}, {3 * 8 + 1, "t.cp/001[A] m"}, {3 * 8 + 2, "t.cp/001[C] m"},
+        {3 * 8 + 3, "t.cp/001[E] m"}, {3 * 8 + 4, "t.cp/001[W] m"}, {3 * 8 + 5, "t.cp/001[N] m"},
+        {3 * 8 + 6, "t.cp/001[I] m"}, {3 * 8 + 7, "t.cp/001[D] m"},
+        {3 * 8 + 3, "abc/004[E] key: evil\\x0Ax\\x1B[2J"}, {3 * 8 + 4, "abc/005[W] rule: r end"},
+    };
+    std::vector<std::string> records, expected;
+    for (const zor_test::syslog_record& r : *got)
+        if (r.message.compare(0, 5, "/log/") != 0) records.push_back(std::to_string(r.priority) + " " + r.message);
+    for (const want& w : wanted) expected.push_back(std::to_string(w.priority) + " " + w.message);
+    EXPECT_EQ(records, expected);
+    // The file got the same lines with their stamps and line ends.
+    const std::string file = read_file(file_dir + "/zorsrv.log");
+    EXPECT_NE(file.find(" abc/004[E] key: evil\\x0Ax\\x1B[2J\r\n\r\n"), std::string::npos) << file;
+    EXPECT_NE(file.find(" abc/005[W] rule:\nr\tend\r\n"), std::string::npos) << file;
 }
 
 }  // namespace

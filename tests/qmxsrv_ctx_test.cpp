@@ -57,19 +57,21 @@ TEST_F(QmxsrvCtx, LoadFillsEveryFieldAndResetsTheRunState) {
     qmxsrv_ctx.auth_invalid = qmxsrv_ctx.pctrl_enabled = 1;
     qmxsrv_ctx.pid = 99;
     http_mode = 9;
-    ASSERT_EQ(load(config("", "xdb = /opt/svc/cat.xdb\nlog_level = 5\nhttp_mode = 0x2\nctrl_shell = 1\n")),
+    ASSERT_EQ(load(config("", "xdb = /opt/svc/cat.xdb\nlog_level = 5\nhttp_mode = 0x2\nctrl_shell = 1\nsyslog = 1\n")),
               std::make_pair(1, std::string("log_level = 5\n")));
     const qmxsrv_ctx_t& c = qmxsrv_ctx;
     EXPECT_EQ(std::make_tuple(c.auth_invalid.load(), c.running.load(), c.cloud_enabled.load(), c.pctrl_enabled.load(),
-                              c.pid, c.log_level, c.db_capacity, http_mode, c.ctrl_shell.load()),
-              std::make_tuple(0, 1, 1, 0, 0, 5u, 2000, 2, 1));
+                              c.pid, c.log_level, c.db_capacity, http_mode, c.ctrl_shell.load(), c.log_syslog),
+              std::make_tuple(0, 1, 1, 0, 0, 5u, 2000, 2, 1, 1));
     EXPECT_EQ(*c.auth_id + *c.auth_pwd + *c.host + *c.product + *c.root + *c.server + *c.xdb,
               "id-1pw-1host-1prod-1/opt/svc127.0.0.1:8443/opt/svc/cat.xdb");
     EXPECT_EQ(*c.writable_root, writable_root);
     EXPECT_STREQ(c.ipc_socket, (writable_root + "/.ipc.socket").c_str());
-    // Optional keys keep their defaults.
+    // Optional keys keep their defaults; a switch is on only at exactly 1.
     ASSERT_EQ(load(config()).first, 1);
-    EXPECT_TRUE(!qmxsrv_ctx.xdb && http_mode == 0 && qmxsrv_ctx.ctrl_shell == 0);
+    EXPECT_TRUE(!qmxsrv_ctx.xdb && http_mode == 0 && qmxsrv_ctx.ctrl_shell == 0 && qmxsrv_ctx.log_syslog == 0);
+    ASSERT_EQ(load(config("", "syslog = 2\n")).first, 1);
+    EXPECT_EQ(qmxsrv_ctx.log_syslog, 0);
 }
 
 // Certificate checking is on unless tls_verify is exactly 0; ipc_group and
@@ -158,8 +160,8 @@ TEST_F(QmxsrvCtx, RouterRenderedConfigurationLoadsAsWritten) {
               std::make_tuple("acct-17", "se\\ncret#1 = x", "router-7", "zr-100", "/usr/lib/zor",
                               "cloud.example.net:443", "/usr/lib/zor/category.xdb"));
     EXPECT_EQ(*c.writable_root, dir.file("run"));
-    EXPECT_EQ(std::make_tuple(*c.ipc_group, *c.ca_file, c.tls_verify, c.ctrl_shell.load()),
-              std::make_tuple("www", "/etc/zor/cloud-ca.pem", 0, 1));
+    EXPECT_EQ(std::make_tuple(*c.ipc_group, *c.ca_file, c.tls_verify, c.ctrl_shell.load(), c.log_syslog),
+              std::make_tuple("www", "/etc/zor/cloud-ca.pem", 0, 1, 1));
 }
 
 }  // namespace
