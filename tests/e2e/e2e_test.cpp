@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <regex>
 
 #include "ctrl_text.h"
 #include "sim_world.h"
+#include "syslog_sink.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -96,5 +98,45 @@ void EndToEnd::keys_are_answered(bool shell) {
 
 TEST_F(EndToEnd, KeysAreAnsweredFromTheCategoryFileTheCloudAndTheCache) { keys_are_answered(false); }
 TEST_F(EndToEnd, KeysAreAnsweredThroughShellLinesWithCtrlShell) { keys_are_answered(true); }
+
+// With syslog = 1 the service's log lines reach the system log socket too:
+// facility daemon, ident zor_service with the service's pid, the file's
+// text after its time stamp, at the level's priority. A rule file that is
+// not JSON is logged with its bytes: those from the file shown as \xHH, the
+// message's own line break a blank, one record.
+TEST_F(EndToEnd, LogLinesReachTheSystemLogWithSyslog) {
+    zor_test::syslog_sink sink(w.dir() + "/devlog");
+    ASSERT_TRUE(sink.ok());
+    sink.start_reader();  // the service waits whenever the socket's short queue is full
+    ASSERT_TRUE(start(w, {.extra_ini = "syslog = 1\n", .devlog = true}));
+    const std::string rules = w.dir() + "/rules.json";
+    ASSERT_TRUE(zor_test::write_file(rules, "not json\x1b[2J\r\nforged"));
+    ASSERT_EQ(w.zorctl({"pc", "rule", rules}), 0) << zor_test::read_file(w.dir() + "/zorctl.out");
+    const std::regex refused(
+        R"(^ader/\d{3,}\[E\] The following rule string is not JSON format: not json\\x1B\[2J\\x0D\\x0Aforged$)");
+    auto has_refusal = [&](const std::vector<zor_test::syslog_record>& got) {
+        return std::any_of(got.begin(), got.end(), [&](auto& r) {
+            return r.priority == 3 * 8 + 3 && std::regex_match(r.message, refused);
+        });
+    };
+    EXPECT_TRUE(sink.wait_for(has_refusal, kWorldWait)) << w.service_log();
+    EXPECT_EQ(w.stop(), 0) << w.service_output();
+    // Every record is the service's, and each one is a line of its file
+    // (up to the line ends the message itself carries).
+    const std::string file = w.service_log();
+    auto in_file = [&](const std::string& text) {
+        for (size_t at = 0; (at = file.find(" " + text, at)) != std::string::npos; ++at)
+            if (file.compare(at + 1 + text.size(), 1, "\r") == 0 || file.compare(at + 1 + text.size(), 1, "\n") == 0)
+                return true;
+        return false;
+    };
+    const std::vector<zor_test::syslog_record> got = sink.records();
+    ASSERT_FALSE(got.empty());
+    for (const zor_test::syslog_record& r : got) {
+        EXPECT_EQ(r.ident + "[" + std::to_string(r.pid) + "]", "zor_service[" + std::to_string(w.pid()) + "]") << r.raw;
+        EXPECT_TRUE(r.priority >= 3 * 8 && r.priority <= 3 * 8 + 6) << r.raw;
+        EXPECT_TRUE(r.message.find("JSON") != std::string::npos || in_file(r.message)) << r.message;
+    }
+}
 
 }  // namespace

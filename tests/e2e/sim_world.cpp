@@ -100,6 +100,7 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     ini.close();
     std::vector<std::string> args = {"/bin/bash", ZOR_E2E_WORLD_SCRIPT};
     for (const std::string& m : cfg.preloaded) args.insert(args.end(), {"-m", m});
+    if (cfg.devlog) args.push_back("-L");
     args.insert(args.end(), {"-s", ZOR_E2E_WORLD_SHELL, dir_, cfg.service.empty() ? service_binary() : cfg.service,
                              "-i", dir_ + "/zor.ini", "-l", dir_ + "/log"});
     args.insert(args.end(), cfg.service_args.begin(), cfg.service_args.end());

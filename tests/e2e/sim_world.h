@@ -38,6 +38,7 @@ struct world_config {
     bool session = false;                   // also announce and wait until logged in to the cloud
     bool ctrl_shell = false;                // kernel commands as shell lines (ctrl_shell = 1)
     bool squat = false;                     // a socket of the test holds the service's pid as netlink port
+    bool devlog = false;                    // /dev/log leads to DIR/devlog (world.sh -L)
 };
 
 // How long a test waits for something the service owes it (a control line,

@@ -2,7 +2,7 @@
 # world.sh: runs a command in the simulated router world, where the kernel
 # module is played from user space.
 #
-#   world.sh [-m MODULE]... [-s RECORDING_SHELL] DIR COMMAND [ARG]...
+#   world.sh [-m MODULE]... [-L] [-s RECORDING_SHELL] DIR COMMAND [ARG]...
 #
 # COMMAND (normally zor_service) is exec'd in a private mount namespace with
 # the same process id as this script, so the caller's child pid is the
@@ -21,6 +21,10 @@
 #                    that echoes into the control file appends to it
 #   PATH             starts with DIR/bin, which holds insmod, lsmod and rmmod
 #                    stubs that keep the loaded modules in DIR/modules
+#   /dev/log         with -L only: a symlink to DIR/devlog, where the caller
+#                    binds the datagram socket a system log daemon would
+#                    listen on; /dev is then a tmpfs whose other entries are
+#                    symlinks into the real /dev
 # -m MODULE lists MODULE as already loaded. The recording shell is found with
 # -s, else $ZOR_WORLD_SH. DIR holds nothing of value once COMMAND has ended;
 # the mounts vanish with the namespace.
@@ -29,7 +33,7 @@
 set -euo pipefail
 
 usage() {
-    echo "usage: world.sh [-m MODULE]... [-s RECORDING_SHELL] DIR COMMAND [ARG]..." >&2
+    echo "usage: world.sh [-m MODULE]... [-L] [-s RECORDING_SHELL] DIR COMMAND [ARG]..." >&2
     exit 2
 }
 
@@ -91,7 +95,7 @@ EOF
 
 # Runs inside the new namespace: builds the world, then becomes COMMAND.
 inside() {
-    local dir=$1 rsh=$2; shift 2
+    local dir=$1 rsh=$2 devlog=$3; shift 3
     local real_sh
     real_sh=$(readlink -f /bin/sh)
 
@@ -112,6 +116,15 @@ inside() {
     mount --bind "$dir" /proc/world
     mount --bind "$real_sh" /proc/world/real-sh
     mount --bind "$rsh" "$real_sh"
+    if [ "$devlog" = 1 ]; then
+        mount --bind /dev "$dir/realdev"
+        mount -t tmpfs -o mode=0755,size=64k world-dev /dev
+        for entry in "$dir"/realdev/*; do
+            name=${entry##*/}
+            [ "$name" = log ] || ln -s "$entry" "/dev/$name"
+        done
+        ln -s "$dir/devlog" /dev/log
+    fi
 
     export PATH="$dir/bin:$PATH"
     echo $$ > "$dir/world.pid"
@@ -125,9 +138,11 @@ fi
 
 modules=()
 rsh=${ZOR_WORLD_SH:-}
-while getopts "m:s:" opt; do
+devlog=0
+while getopts "m:Ls:" opt; do
     case $opt in
         m) modules+=("$OPTARG") ;;
+        L) devlog=1 ;;
         s) rsh=$OPTARG ;;
         *) usage ;;
     esac
@@ -146,11 +161,11 @@ dir=$(mkdir -p "$1" && cd "$1" && pwd)
 shift
 rsh=$(readlink -f "$rsh")
 write_stubs "$dir/bin"
-mkdir -p "$dir/zor" "$dir/realproc"
+mkdir -p "$dir/zor" "$dir/realproc" "$dir/realdev"
 : > "$dir/real-sh"
 : > "$dir/commands.log"
 : > "$dir/ctrl.log"
 : > "$dir/modules"
 for m in "${modules[@]}"; do echo "$m" >> "$dir/modules"; done
 
-exec unshare -m --propagation private "$(readlink -f "$0")" --inside "$dir" "$rsh" "$@"
+exec unshare -m --propagation private "$(readlink -f "$0")" --inside "$dir" "$rsh" "$devlog" "$@"
