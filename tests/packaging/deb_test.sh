@@ -6,7 +6,8 @@
 # Debian puts it with its owner and mode, nothing else (no simulator, no test
 # program), the conffiles, the library dependencies, a changelog of the
 # package's own version, and a systemd unit that systemd accepts and that
-# agrees with the configuration it starts the service with.
+# agrees with the configuration it starts the service with and reloads it
+# with SIGHUP.
 # Exit status 77 (skipped) when a Debian packaging tool is missing.
 set -uo pipefail
 src=$1
@@ -85,6 +86,8 @@ unit="$work/root/lib/systemd/system/zor-service.service"
 key() { sed -n "s/^$1=//p" "$unit"; }
 [ "$(key Type)" = simple ] || fail "Type=$(key Type), the service runs in the foreground"
 [ "$(key Restart)" = on-failure ] || fail "Restart=$(key Restart)"
+# shellcheck disable=SC2016  # $MAINPID is systemd's, not the shell's
+[ "$(key ExecReload)" = '/bin/kill -HUP $MAINPID' ] || fail "ExecReload=$(key ExecReload), not SIGHUP to the service"
 read -r -a exec_start <<< "$(key ExecStart)"
 [ -x "$work/root${exec_start[0]}" ] || fail "ExecStart names ${exec_start[0]}, not in the package"
 config="" logdir=""

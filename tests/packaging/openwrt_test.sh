@@ -4,8 +4,9 @@
 # router-like shell here (dash as sh, busybox ash when installed):
 #   - every option set: the INI it writes (mode 0600) and the procd instance
 #     it declares equal the expected files; the stale command socket goes
-#     when no instance runs and stays when one does (a reload); writable_root
-#     is handed to ipc_group;
+#     when no instance runs and stays when one does; writable_root is handed
+#     to ipc_group;
+#   - a reload: SIGHUP to the running service before the same declaration;
 #   - the shipped UCI file: disabled, so nothing is written or started; with
 #     an account added, the INI of the shipped defaults;
 #   - values the INI cannot carry, a missing required option and a bad log
@@ -30,9 +31,10 @@ else
     echo "note: busybox is not installed, the script runs under sh only (scripts/setup.sh installs it)"
 fi
 
-# run_case NAME UCI_TEXT RUNNING: prepares a work directory with the init
-# script (its INI path moved into the directory) and the UCI file, then runs
-# start_service and service_triggers; the calls are recorded in $work/procd.
+# run_case NAME UCI_TEXT RUNNING [ENTRY]: prepares a work directory with the
+# init script (its INI path moved into the directory) and the UCI file, then
+# runs ENTRY (start_service unless given) and service_triggers; the calls
+# are recorded in $work/procd.
 run_case() {
     case_name=$1
     work=$tmp/${shell_name// /_}/$case_name
@@ -48,9 +50,10 @@ run_case() {
     # shellcheck disable=SC2016
     PROCD_LOG=$work/procd UCI_DIR=$work/uci ZOR_TEST_RUNNING=$3 $shell -c '
         . "$1"; . "$2"
-        start_service
-        echo "start_service=$?" >> "$PROCD_LOG"
-        service_triggers' zor "$fixtures/stubs.sh" "$work/zor.init" > "$work/stdout" 2> "$work/stderr"
+        $3
+        echo "$3=$?" >> "$PROCD_LOG"
+        service_triggers' zor "$fixtures/stubs.sh" "$work/zor.init" "${4:-start_service}" \
+        > "$work/stdout" 2> "$work/stderr"
 }
 
 # expect_file EXPECTED ACTUAL: equal once @WORK@ stands for the work directory.
@@ -98,12 +101,16 @@ for shell_name in "${shells[@]}"; do
     [ "$(stat -c %a "$work/run")" = 750 ] || fail "writable_root (given to ipc_group) is not mode 750"
     [ ! -s "$work/stderr" ] || fail "messages: $(cat "$work/stderr")"
 
-    # The same during a reload: the running instance's socket stays.
+    # A reload: SIGHUP to the running service, then the same declaration
+    # inside rc.common's wrapper; the running instance's socket stays.
     work=$tmp/${shell// /_}/reload
     mkdir -p "$work/run" && touch "$work/run/.ipc.socket"
-    run_case reload "$full" 1
+    run_case reload "$full" 1 reload_service
     [ -e "$work/run/.ipc.socket" ] || fail "the running instance's socket was removed"
     expect_file "$fixtures/full.ini" "$work/var/etc/zor.ini"
+    { printf 'send_signal [zor]\nrc_procd [start_service]\n'
+      sed 's/^start_service=0$/reload_service=0/' "$fixtures/full.procd"; } > "$work/expected"
+    expect_file "$work/expected" "$work/procd"
 
     # The shipped UCI file starts nothing until enabled.
     run_case shipped "$shipped" 1

@@ -1,8 +1,9 @@
 # Stand-ins for what /etc/rc.common gives an OpenWrt init script: the UCI
 # readers of /lib/functions.sh (same semantics: an empty option gives the
 # default; booleans accept 1/on/true/yes/enabled and their opposites) and the
-# procd calls of /lib/functions/procd.sh (and chgrp), which here only record
-# their arguments, one call a line, each argument in brackets, into $PROCD_LOG.
+# procd calls of /lib/functions/procd.sh and rc.common (and chgrp), which
+# here only record their arguments, one call a line, each argument in
+# brackets, into $PROCD_LOG.
 # $UCI_DIR holds the UCI files; procd_running answers $ZOR_TEST_RUNNING.
 # shellcheck shell=dash
 
@@ -36,6 +37,12 @@ procd_set_param() { record set_param "$@"; }
 procd_append_param() { record append_param "$@"; }
 procd_close_instance() { record close_instance "$@"; }
 procd_add_reload_trigger() { record reload_trigger "$@"; }
+procd_send_signal() { record send_signal "$@"; }
+# rc.common's wrapper that declares the service around its argument.
+rc_procd() {
+	record rc_procd "$1"
+	"$@"
+}
 procd_running() {
 	record running "$@"
 	[ "$ZOR_TEST_RUNNING" = 1 ]
