@@ -16,6 +16,7 @@
 
 #include "log.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "util/c_ptr.h"
 #include "util/clock.h"
 #include "util/timing.h"
@@ -125,7 +126,9 @@ void clean_pass_locked(cache_state& s) {
     for (uint32_t i = 0; i < kBucketsPerPass; ++i) {
         uint32_t index = (s.cursor + i) % table->bucket_count;
         hash_visit_bucket(table, index, [&](hash_entry_t* h) {
-            return is_stale(static_cast<verdict_entry*>(h), at, max_idle) ? 1 : 0;
+            if (!is_stale(static_cast<verdict_entry*>(h), at, max_idle)) return 0;
+            stat_add(g_stats.cache_aged_out);
+            return 1;
         });
     }
     s.cursor = (s.cursor + kBucketsPerPass) % table->bucket_count;
@@ -181,6 +184,7 @@ void store_member(const cJSON* member) {
         e->group = group;
         e->verdict_time = now();
     }
+    if (group >= 0 && sub_group >= 0) stat_add(g_stats.verdicts_cloud);  // else not sent
     zor_notify_db_group(1, type, key, ttl, group, sub_group);
     db_put(e);
 }
@@ -265,7 +269,10 @@ verdict_entry* db_get_or_add(uint32_t type, const char* key, int keep_ref) {
     fresh->seen_time = now();
     fresh->bucket = hash_bucket_index(table, static_cast<hash_entry_t*>(fresh.get()));
     auto* stored = static_cast<verdict_entry*>(hash_get_or_add(table, fresh.get(), 1));
-    if (stored == fresh.get()) fresh.release();  // the table owns it now
+    if (stored == fresh.get()) {
+        fresh.release();  // the table owns it now
+        stat_add(g_stats.cache_added);
+    }
     if (!keep_ref) hash_unref(table, stored);
     return stored;
 }

@@ -24,6 +24,7 @@
 #include "qmx_db.h"
 #include "qmx_nlu.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "util/c_ptr.h"
 #include "util/clock.h"
 #include "util/list.h"
@@ -92,7 +93,6 @@ struct qmx_srv {
     // wait: the 1025 cap applies to this count. Only the receive thread adds.
     std::atomic<uint32_t> queued{0};
     std::atomic<uint64_t> received{0};  // reports handed over while running; numbers them
-    std::atomic<uint64_t> dropped{0};   // of them, dropped at the cap
     std::atomic<uint64_t> finished{0};
 };
 
@@ -115,6 +115,7 @@ void announce_match(qmx_srv* s, const queued_event& ev, const xdb_match& m) {
           static_cast<int>(m.id), group, sub_group, m.end, m.len);
     const uint32_t type = ev.data_type;
     if (s->running.load() && type >= kTypeDomain && type <= kTypeAddrAlt) {
+        stat_add(g_stats.verdicts_category_file);
         zor_notify_db_group(2, static_cast<int>(type), ev.text.c_str(), 86400, group, sub_group);
     }
 }
@@ -142,6 +143,7 @@ bool answer_from_cache(qmx_srv* s, const queued_event& ev) {
     verdict_entry* e = db_find(ev.data_type, key);
     if (e && db_flag_bit1(e) == 0) {
         db_verdict v = db_entry_verdict(e);
+        if (v.group >= 0 && v.sub_group >= 0) stat_add(g_stats.verdicts_cache);  // else not sent
         zor_notify_db_group(1, static_cast<int>(ev.data_type), key, v.ttl, v.group, v.sub_group);
         db_put(e);
         return true;
@@ -220,7 +222,12 @@ void announce_main(qmx_srv* s) {
         while (s->running.load()) {
             std::unique_ptr<queued_event> ev = s->announce.pop_front();
             if (!ev) break;
-            if (valid_report(*ev)) zor_notify_u2k(static_cast<int>(ev->data_type), ev->text.c_str());
+            if (valid_report(*ev)) {
+                stat_add(g_stats.u2k_lines);
+                zor_notify_u2k(static_cast<int>(ev->data_type), ev->text.c_str());
+            } else {
+                stat_add(g_stats.reports_invalid);
+            }
             s->events.push_front(std::move(ev));
             s->events.wake();
         }
@@ -257,6 +264,7 @@ void send_batch(qmx_srv* s) {
     if (n == 0 || qmxsrv_ctx.cloud_enabled.load() == 0 || !cloud_ready()) return;
     json_text text(cJSON_PrintUnformatted(root.get()));
     if (!text) return;
+    stat_add(g_stats.cloud_keys_asked, static_cast<uint64_t>(n));
     LOG_D("Send query: %s", text.get());
     size_t reply_size = 0;
     {
@@ -324,10 +332,10 @@ void destroy(qmx_srv* s) {
     s->abort_query.store(true);
     nlu_close(s->nlu);  // no report is handed over after this
     s->nlu = nullptr;
-    if (s->received.load() != 0) {
+    if (g_stats.reports_received.load() != 0) {
         LOG_I("netlink reports: %llu received, %llu dropped with the queue full",
-              static_cast<unsigned long long>(s->received.load()),
-              static_cast<unsigned long long>(s->dropped.load()));
+              static_cast<unsigned long long>(g_stats.reports_received.load()),
+              static_cast<unsigned long long>(g_stats.reports_dropped.load()));
     }
     const zor_ctrl_counts c = zor_ctrl_counters();
     if (c.refused + c.too_long + c.failed != 0) {
@@ -399,12 +407,13 @@ void qmx_srv_handle_event(const nl_event* event) {
     qmx_srv* s = g_srv.load();
     if (!s || !s->running.load() || !event) return;
     const uint64_t seq = s->received.fetch_add(1) + 1;
+    stat_add(g_stats.reports_received);
     const uint32_t count = s->queued.load();
     LOG_D("get f=0x%08X, data_type=%d, data_len=%d, now count = %d", event->flags,
           static_cast<int>(event->data_type), static_cast<int>(event->data_len),
           static_cast<int>(count));
     if (count >= kEventCap) {
-        s->dropped.fetch_add(1);
+        stat_add(g_stats.reports_dropped);
         return;
     }
     std::unique_ptr<queued_event> q(new (std::nothrow) queued_event);

@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
@@ -18,6 +19,7 @@
 #include "log.h"
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "util/c_ptr.h"
 #include "util/clock.h"
 #include "util/cmd_runner.h"
@@ -118,6 +120,18 @@ int with_retries(const zor_session& s, Fn&& request) {
     return rc;
 }
 
+// A request that ended without an HTTP response; one given up on purpose
+// (stop, or the caller's abort) is no error.
+void count_transport_error(int rc) {
+    if (rc != CURLE_ABORTED_BY_CALLBACK) stat_cloud_error(&zor_stats::cloud_errors_transport);
+}
+
+// A reply of another status than 200: refused (the account, or the token
+// with its error code) or an HTTP error.
+void count_status_error(bool refused) {
+    stat_cloud_error(refused ? &zor_stats::cloud_errors_refused : &zor_stats::cloud_errors_http);
+}
+
 // ---- login ----------------------------------------------------------------
 
 // Posts the login form and judges the reply; on success *body holds it.
@@ -133,10 +147,12 @@ zor_login_verdict post_login(zor_session& s, std::string* body) {
     int rc = with_retries(s, [&] { return curl_post_form(s.login_url.c_str(), form, resp, stopping); });
     if (rc != CURLE_OK) {
         LOG_E("Auth: curl=%d, %s", rc, curl_easy_strerror(static_cast<CURLcode>(rc)));
+        count_transport_error(rc);
         return zor_login_verdict::failed;
     }
     if (!resp) {
         LOG_E("Auth: no response");
+        count_transport_error(rc);
         return zor_login_verdict::failed;
     }
     const zor_login_verdict v = zor_judge_login(resp->status, resp->body);
@@ -147,10 +163,12 @@ zor_login_verdict post_login(zor_session& s, std::string* body) {
             break;
         case zor_login_verdict::failed:
             LOG_E("HTTP Status: %ld, %s", resp->status, resp->body);
+            count_status_error(false);
             break;
         case zor_login_verdict::refused:
             // The second account text has no configuration key: printed empty.
             LOG_E("Authentication invalid: %s/%s, %s", s.id.c_str(), "", resp->body);
+            count_status_error(true);
             break;
     }
     return v;
@@ -190,20 +208,24 @@ enum class ping_outcome { accepted, next_server, token_refused };
 ping_outcome ping_one(zor_session& s, const zor_auth& a, const std::string& server) {
     const std::string url = server + kPingPath;
     LOG_D("Ping: %s, token: %s", url.c_str(), a.bearer.c_str());
+    stat_add(g_stats.cloud_pings);
     http_response_ptr resp;
     http_abort_fn stopping = [&s] { return s.stop.load(); };
     int rc = with_retries(s, [&] { return curl_request(url.c_str(), a.bearer.c_str(), nullptr, resp, stopping); });
     if (rc != CURLE_OK) {
         LOG_E("[ping error] Curl(%d): %s\n", rc, curl_easy_strerror(static_cast<CURLcode>(rc)));
+        count_transport_error(rc);
         return ping_outcome::next_server;
     }
     if (!resp) {
         LOG_E("[ping error] no response\n");
+        count_transport_error(rc);
         return ping_outcome::next_server;
     }
     if (resp->status != 200) {
         int code = response_error_code(resp->body);
         LOG_E("[ping error] http status: %ld, %s\n", resp->status, or_empty(resp->body));
+        count_status_error(code == kTokenRefused);
         return code == kTokenRefused ? ping_outcome::token_refused : ping_outcome::next_server;
     }
     LOG_D("HTTP Status: %ld", resp->status);
@@ -213,6 +235,7 @@ ping_outcome ping_one(zor_session& s, const zor_auth& a, const std::string& serv
         cipher_base64_decrypt(a.cipher.get(), resp->body, static_cast<int>(strlen(resp->body)), &len), free);
     if (!plain) {
         LOG_E("[ping error] Decrypt Error, body=%s\n", resp->body);
+        stat_cloud_error(&zor_stats::cloud_errors_reply);
         return ping_outcome::next_server;
     }
     LOG_D("HTTP Body: %s", plain.get());
@@ -221,6 +244,7 @@ ping_outcome ping_one(zor_session& s, const zor_auth& a, const std::string& serv
     json_ptr reply(cJSON_ParseWithOpts(plain.get(), nullptr, 1));
     if (!reply) {
         LOG_D("Ping failed");
+        stat_cloud_error(&zor_stats::cloud_errors_reply);
         return ping_outcome::next_server;
     }
     LOG_D("Ping OK");
@@ -264,8 +288,10 @@ bool login_round(zor_session& s) {
     std::shared_ptr<zor_auth> a = make_auth(body);
     if (!a) {
         LOG_E("Auth: login reply without a usable token, key, token_ttl or server list");
+        stat_cloud_error(&zor_stats::cloud_errors_reply);
         return true;
     }
+    stat_add(g_stats.cloud_logins);
     LOG_D("_refresh_server server: %d", static_cast<int>(a->servers.size()));
     if (ping_round(s, *a) == ping_outcome::accepted) {
         std::lock_guard<std::mutex> g(s.lock);
@@ -311,6 +337,7 @@ std::optional<std::string> query(const char* text, const std::function<bool()>* 
     }
     const int count = a ? static_cast<int>(a->servers.size()) : 0;
     if (count < 1) return std::nullopt;
+    stat_add(g_stats.cloud_queries);
 
     auto gave_up = [&] { return s->stop || (caller_abort && *caller_abort && (*caller_abort)()); };
     http_abort_fn abort_fn = gave_up;
@@ -326,6 +353,7 @@ std::optional<std::string> query(const char* text, const std::function<bool()>* 
         LOG_D("Cipher = %s", body.get());
 
         http_response_ptr resp;
+        const auto sent_at = std::chrono::steady_clock::now();
         int rc = with_retries(*s, [&] {
             return gave_up() ? static_cast<int>(CURLE_ABORTED_BY_CALLBACK)
                              : curl_request(url.c_str(), a->bearer.c_str(), body.get(), resp, abort_fn);
@@ -333,10 +361,12 @@ std::optional<std::string> query(const char* text, const std::function<bool()>* 
         LOG_D("curl result: %ld", static_cast<long>(rc));
         if (rc != CURLE_OK) {
             LOG_E("[query error] Curl(%d): %s", rc, curl_easy_strerror(static_cast<CURLcode>(rc)));
+            count_transport_error(rc);
             continue;
         }
         if (!resp) {
             LOG_E("[query error] no response");
+            count_transport_error(rc);
             continue;
         }
         LOG_D("HTTP Status: %ld", resp->status);
@@ -349,14 +379,20 @@ std::optional<std::string> query(const char* text, const std::function<bool()>* 
                 free);
             if (!plain) {
                 LOG_E("[query error] decrypt error: %d, %s\n", static_cast<int>(strlen(resp->body)), resp->body);
+                stat_cloud_error(&zor_stats::cloud_errors_reply);
                 return std::nullopt;
             }
+            const auto rtt = std::chrono::steady_clock::now() - sent_at;
+            stat_set(g_stats.cloud_query_rtt_ms,
+                     static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(rtt).count()));
+            stat_add(g_stats.cloud_answers);
             LOG_D("HTTP Plain Body: %s", plain.get());
             return std::string(plain.get(), static_cast<size_t>(len));
         }
         int code = response_error_code(resp->body);
         // The query path reports with the ping's message on purpose.
         LOG_E("[ping error] http status: %ld, %s\n", resp->status, or_empty(resp->body));
+        count_status_error(code == kTokenRefused);
         if (code == kTokenRefused) {
             wake_maintainer(*s);
             return std::nullopt;

@@ -4,13 +4,13 @@
 #include <inttypes.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
 
 #include "log.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "util/clock.h"
 #include "util/cmd_runner.h"
 #include "util/unique_fd.h"
@@ -20,11 +20,6 @@ namespace {
 constexpr size_t kShellLineSize = 256;    // a shell line and its terminator
 constexpr size_t kShellPcAddSize = 400;   // the same for rule adds
 constexpr size_t kTextBuildSize = 512;    // texts are built here, then bounded by their channel
-
-struct counters {
-    std::atomic<uint64_t> sent{0}, absent{0}, refused{0}, too_long{0}, failed{0};
-};
-counters g_counts;
 
 std::mutex g_file_lock;
 std::string g_file = ZOR_CTRL_FILE;  // covered by g_file_lock
@@ -53,7 +48,7 @@ bool words_ok(const char* what, std::initializer_list<const char*> words) {
         if (w == nullptr) return false;
         if (!zor_ctrl_word_ok(w)) {
             LOG_D("%s: a word with a space, a control byte or a backslash is not sent", what);
-            g_counts.refused.fetch_add(1, std::memory_order_relaxed);
+            stat_add(g_stats.commands_refused);
             return false;
         }
     }
@@ -72,7 +67,7 @@ bool prepare(command& cmd, size_t shell_size) {
     }
     if (!fits) {
         LOG_D("command longer than its buffer, not sent");
-        g_counts.too_long.fetch_add(1, std::memory_order_relaxed);
+        stat_add(g_stats.commands_too_long);
     }
     return fits;
 }
@@ -84,11 +79,11 @@ int write_direct(const std::string& text) {
     unique_fd fd(open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY));
     if (!fd.valid()) {
         if (errno == ENOENT) {
-            g_counts.absent.fetch_add(1, std::memory_order_relaxed);
+            stat_add(g_stats.commands_no_module);
             return 1;
         }
         LOG_D("control file: open failed (errno %d)", errno);
-        g_counts.failed.fetch_add(1, std::memory_order_relaxed);
+        stat_add(g_stats.commands_failed);
         return -1;
     }
     char buf[ZOR_CTRL_WRITE_MAX];
@@ -102,16 +97,16 @@ int write_direct(const std::string& text) {
     if (n != static_cast<ssize_t>(len)) {
         LOG_D("control file: %s (wrote %zd of %zu bytes, errno %d)", n < 0 ? "write failed" : "short write", n,
               len, n < 0 ? errno : 0);
-        g_counts.failed.fetch_add(1, std::memory_order_relaxed);
+        stat_add(g_stats.commands_failed);
         return -1;
     }
-    g_counts.sent.fetch_add(1, std::memory_order_relaxed);
+    stat_add(g_stats.commands_sent);
     return 0;
 }
 
 int send(const command& cmd) {
     if (cmd.line.empty()) return write_direct(cmd.text);
-    g_counts.sent.fetch_add(1, std::memory_order_relaxed);
+    stat_add(g_stats.commands_sent);
     return cmd_run(cmd.line);
 }
 
@@ -170,11 +165,11 @@ int zor_ctrl_server_port(int pid) {
 
 zor_ctrl_counts zor_ctrl_counters() {
     zor_ctrl_counts c;
-    c.sent = g_counts.sent.load();
-    c.absent = g_counts.absent.load();
-    c.refused = g_counts.refused.load();
-    c.too_long = g_counts.too_long.load();
-    c.failed = g_counts.failed.load();
+    c.sent = g_stats.commands_sent.load();
+    c.absent = g_stats.commands_no_module.load();
+    c.refused = g_stats.commands_refused.load();
+    c.too_long = g_stats.commands_too_long.load();
+    c.failed = g_stats.commands_failed.load();
     return c;
 }
 

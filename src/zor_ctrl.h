@@ -63,7 +63,8 @@ bool zor_ctrl_word_ok(std::string_view text);
 // The shell channel's line for `text` (the guarded echo), not bounded.
 std::string zor_ctrl_shell_line(std::string_view text);
 
-// Commands since start, by outcome. Counters only grow; read without a lock.
+// Commands since start, by outcome: the commands_* service counters
+// (stats.h). Counters only grow; read without a lock.
 struct zor_ctrl_counts {
     uint64_t sent = 0;      // written, or run through the runner
     uint64_t absent = 0;    // direct channel, control file missing

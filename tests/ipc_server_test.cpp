@@ -17,6 +17,7 @@
 #include "ipc_client.h"
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "test_util.h"
 
 namespace {
@@ -153,6 +154,79 @@ TEST_F(IpcServer, StartRebindsOverALeftOverFileAndRefusesBadPaths) {
     EXPECT_TRUE(log_.contains("too long"));
     EXPECT_FALSE(file_exists(path107 + "s"));
     ipc_set_socket(sock_);
+}
+
+// Counter records as they travel: each holds whole "NAME VALUE" lines and a
+// terminator inside its text, and its result counts down to 0 on the last.
+// Returns the lines of all of them, or a failure.
+testing::AssertionResult record_lines(const std::vector<ipc_reply>& records, std::string* text) {
+    if (records.empty() || records.size() > IPC_STATS_MAX_RECORDS) return testing::AssertionFailure() << records.size() << " records";
+    text->clear();
+    for (size_t i = 0; i < records.size(); ++i) {
+        const ipc_reply& r = records[i];
+        const size_t len = strnlen(r.msg, sizeof r.msg);
+        if (len == sizeof r.msg) return testing::AssertionFailure() << "record " << i << " unterminated";
+        if (len == 0 || r.msg[len - 1] != '\n') return testing::AssertionFailure() << "record " << i << " cuts a line";
+        if (r.result != static_cast<int32_t>(records.size() - 1 - i))
+            return testing::AssertionFailure() << "record " << i << " says " << r.result << " follow";
+        text->append(r.msg, len);
+    }
+    return testing::AssertionSuccess();
+}
+
+// The value of `name` in record lines, or -1.
+long long value_in(const std::string& text, const std::string& name) {
+    const size_t at = ("\n" + text).find("\n" + name + " ");
+    return at == std::string::npos ? -1 : std::stoll(text.substr(at + name.size() + 1));
+}
+
+std::vector<ipc_reply> stats_call(const std::string& path) {
+    const ipc_request req = make_request(IPC_CMD_STATS);
+    const std::string raw = ipc_call_raw(path, &req, sizeof req);
+    std::vector<ipc_reply> records(raw.size() / sizeof(ipc_reply));
+    EXPECT_EQ(raw.size() % sizeof(ipc_reply), 0u);
+    memcpy(static_cast<void*>(records.data()), raw.data(), records.size() * sizeof(ipc_reply));
+    return records;
+}
+
+// Over the socket: counters the modules bump and the cache's entry count
+// show in the records; the kept reply record is left as it was.
+TEST_F(IpcServer, StatsCommandSendsEveryCounterInRecords) {
+    ASSERT_EQ(db_init(), 0);
+    std::string before, after;
+    ASSERT_TRUE(record_lines(stats_call(sock_), &before));
+    const ipc_reply kept = call(IPC_CMD_STATUS);
+    for (const char* key : {"a.example", "b.example", "c.example", "a.example"}) db_put(db_get_or_add(20, key, 1));
+    stat_add(g_stats.verdicts_cache, 5);
+    ASSERT_TRUE(record_lines(stats_call(sock_), &after));
+    db_release();
+    EXPECT_EQ(value_in(after, "cache_added") - value_in(before, "cache_added"), 3);
+    EXPECT_EQ(value_in(after, "cache_entries"), 3);
+    EXPECT_EQ(value_in(after, "verdicts_cache") - value_in(before, "verdicts_cache"), 5);
+    for (const stat_info& info : stats_table()) EXPECT_GE(value_in(after, info.name), 0) << info.name;
+    const ipc_reply again = call(77);  // writes nothing: shows the kept record
+    EXPECT_EQ(memcmp(&again, &kept, sizeof kept), 0);
+    EXPECT_TRUE(log_.contains("[D] Receive command: stats"));
+}
+
+// Packing at the bounds: the real table with the widest values fits, and a
+// list too long for the records is cut at the record bound, its last record
+// still flagged.
+TEST_F(IpcServer, StatsRecordsHoldWholeLinesUpToTheirBound) {
+    std::vector<stat_value> widest;
+    for (const stat_info& info : stats_table()) widest.push_back({&info, UINT64_MAX});
+    std::string text;
+    ASSERT_TRUE(record_lines(ipc_stats_records(widest), &text));
+    for (const stat_info& info : stats_table())
+        EXPECT_NE(text.find(std::string(info.name) + " 18446744073709551615\n"), std::string::npos) << info.name;
+
+    static const stat_info longest{"a_counter_name_of_forty_characters_xxxxx", stat_kind::counter, "x", 1, "x"};
+    ASSERT_EQ(strlen(longest.name), STAT_NAME_MAX);
+    const std::vector<stat_value> many(500, stat_value{&longest, UINT64_MAX});
+    const std::vector<ipc_reply> cut = ipc_stats_records(many);
+    ASSERT_TRUE(record_lines(cut, &text));
+    EXPECT_EQ(cut.size(), IPC_STATS_MAX_RECORDS);
+    EXPECT_EQ(ipc_stats_records({}).size(), 1u);  // nothing to say still ends the reply
 }
 
 // What became of a request sent from another account.

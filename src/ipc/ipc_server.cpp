@@ -186,6 +186,30 @@ void show_db(ipc_reply& reply) {
 
 }  // namespace
 
+std::vector<ipc_reply> ipc_stats_records(const std::vector<stat_value>& values) {
+    std::vector<ipc_reply> records;
+    ipc_reply* open = nullptr;
+    size_t used = 0;
+    for (const stat_value& v : values) {
+        char line[STAT_NAME_MAX + 32];
+        const int n = snprintf(line, sizeof line, "%s %llu\n", v.info->name,
+                               static_cast<unsigned long long>(v.value));
+        if (n <= 0 || static_cast<size_t>(n) >= sizeof line) continue;  // a name beyond the bound
+        const size_t len = static_cast<size_t>(n);
+        if (open == nullptr || used + len >= sizeof open->msg) {
+            if (records.size() == IPC_STATS_MAX_RECORDS) break;
+            open = &records.emplace_back();
+            *open = ipc_reply{};
+            used = 0;
+        }
+        memcpy(open->msg + used, line, len + 1);
+        used += len;
+    }
+    if (records.empty()) records.emplace_back();
+    for (size_t i = 0; i < records.size(); ++i) records[i].result = static_cast<int32_t>(records.size() - 1 - i);
+    return records;
+}
+
 void ipc_dispatch(ipc_request& req, ipc_reply& reply) {
     // Every text argument ends inside the record, whatever the client sent.
     req.buf[sizeof req.buf - 1] = '\0';
@@ -237,6 +261,9 @@ void ipc_dispatch(ipc_request& req, ipc_reply& reply) {
             db_add_reply(req.buf);
             reply.result = 0;
             break;
+        case IPC_CMD_STATS:
+            LOG_D("Receive command: stats");  // the records are sent by serve()
+            break;
         default:
             LOG_D("unsupport command!");
             break;
@@ -272,8 +299,14 @@ bool serve(int conn, int stop, int request_ms, ipc_reply& reply) {
     ipc_request req;
     memcpy(&req, area, sizeof req);
     ipc_dispatch(req, reply);
-    // A client that stopped reading must not hold the thread.
-    (void)send(conn, &reply, sizeof reply, MSG_NOSIGNAL | MSG_DONTWAIT);
+    // A client that stopped reading must not hold the thread. The socket
+    // buffer takes all the counter records at once.
+    if (req.cmd != IPC_CMD_STATS) {
+        (void)send(conn, &reply, sizeof reply, MSG_NOSIGNAL | MSG_DONTWAIT);
+        return true;
+    }
+    for (const ipc_reply& record : ipc_stats_records(stats_snapshot()))
+        if (send(conn, &record, sizeof record, MSG_NOSIGNAL | MSG_DONTWAIT) != sizeof record) break;
     return true;
 }
 

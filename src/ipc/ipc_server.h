@@ -1,8 +1,9 @@
 // Local command channel: a Unix stream socket at the context's ipc_socket,
 // served by one command thread owned by this module, one 264-byte request and
-// one 260-byte reply per connection, in arrival order. A connection whose
-// request does not come within zor_timing's ipc_request (5 s, taken at start)
-// is dropped, so that a silent client cannot hold the channel.
+// one 260-byte reply per connection (several for IPC_CMD_STATS), in arrival
+// order. A connection whose request does not come within zor_timing's
+// ipc_request (5 s, taken at start) is dropped, so that a silent client
+// cannot hold the channel.
 //
 // ipc_srv_start and ipc_srv_stop are called by the main thread (start-up,
 // shutdown); the command thread writes the context's run-state words and
@@ -22,7 +23,11 @@
 // left there.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <vector>
+
+#include "stats.h"
 
 enum ipc_cmd : int32_t {
     IPC_CMD_EXIT = 1,
@@ -36,6 +41,7 @@ enum ipc_cmd : int32_t {
     IPC_CMD_QUERY = 100,         // type; buf "NAME A B"; the reply holds NAME over result
     IPC_CMD_SHOW_DB = 200,       // result 0; the listing goes to the log, not the reply
     IPC_CMD_DB_ADD = 201,        // buf: a cloud reply JSON; result 0 whatever the outcome
+    IPC_CMD_STATS = 301,         // answered by ipc_stats_records; the kept reply is not written
 };
 
 struct ipc_request {
@@ -50,6 +56,13 @@ struct ipc_reply {
     char msg[256];   // zero-terminated; meaningful only for commands that set it
 };
 static_assert(sizeof(ipc_reply) == 260, "wire size of a reply");
+
+// The counters travel as several reply records on the one connection, each
+// msg holding whole "NAME VALUE\n" lines (decimal, unsigned 64-bit), its
+// result the number of records that follow (0 on the last). At most this
+// many records; values that do not fit in them are left out.
+inline constexpr size_t IPC_STATS_MAX_RECORDS = 16;
+std::vector<ipc_reply> ipc_stats_records(const std::vector<stat_value>& values);
 
 // Carries out one request as the command thread does, writing `reply` only
 // where the command writes it (the caller keeps the record between requests

@@ -10,6 +10,7 @@
 #include "log.h"
 #include "pctrl/pctrl_reader.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "util/clock.h"
 #include "util/timing.h"
 #include "zor_ctrl.h"
@@ -47,9 +48,12 @@ void send_rule(const pctrl_rule& rule) {
     if (!text) return;
     // The kernel takes the times as unsigned 32-bit epoch seconds. A rule
     // whose mac or text could not travel as one word is refused here.
-    if (zor_ctrl_pc_add(rule.kind, rule.mac, text->c_str(), static_cast<uint32_t>(rule.from),
-                        static_cast<uint32_t>(rule.to)) < 0)
+    const int rc = zor_ctrl_pc_add(rule.kind, rule.mac, text->c_str(), static_cast<uint32_t>(rule.from),
+                                   static_cast<uint32_t>(rule.to));
+    if (rc < 0)
         LOG_D("Rule id %d not sent: a word the command cannot carry, or a line too long", rule.id);
+    else if (rc == 0)
+        stat_add(g_stats.rules_sent);
 }
 
 void pctrl_sched(std::chrono::milliseconds second) {
@@ -97,6 +101,7 @@ void pctrl_apply_rules() {
     if (path.empty()) return;
     pctrl_holder rules;
     if (pctrl_read_rules(path.c_str(), &rules) != 0 || rules.list == nullptr) return;
+    stat_add(g_stats.rule_applications);
     pctrl_clean_rules();
     pctrl_dump_rules(&rules);
     rules.list->for_each(send_rule);

@@ -4,12 +4,16 @@
 // the modules loaded), what the shell ran, or what the cloud was asked.
 #include <gtest/gtest.h>
 
+#include <cjson/cJSON.h>
+
 #include <algorithm>
+#include <map>
 #include <regex>
 
 #include "ctrl_text.h"
 #include "sim_world.h"
 #include "syslog_sink.h"
+#include "util/c_ptr.h"
 #include "zor_ctrl.h"
 
 namespace {
@@ -25,6 +29,19 @@ lines rows_of(const std::string& query) {
     }
     std::sort(rows.begin(), rows.end());
     return rows;
+}
+
+// `zorctl --json stats` of the world's service: its integer members by key,
+// empty when zorctl failed or printed something else.
+std::map<std::string, long long> stats_of(const sim_world& w) {
+    std::map<std::string, long long> m;
+    const lines out = w.zorctl({"--json", "stats"}) == 0 ? w.lines_of("zorctl.out") : lines{};
+    json_ptr doc(out.empty() ? nullptr : cJSON_Parse(out.back().c_str()));  // zorctl.out gathers every run
+    for (const cJSON* item = doc ? doc->child : nullptr; item; item = item->next) {
+        if (cJSON_IsNumber(item) && item->valuedouble == static_cast<double>(static_cast<long long>(item->valuedouble)))
+            m[item->string] = static_cast<long long>(item->valuedouble);
+    }
+    return m;
 }
 
 class EndToEnd : public world_test {
@@ -76,6 +93,25 @@ void EndToEnd::keys_are_answered(bool shell) {
         if (l.rfind("db key2group update", 0) != 0) got.push_back(l);
     EXPECT_EQ(got, want);
     EXPECT_EQ(w.ctrl_count("db key2group update 2"), 2u);
+
+    // The counters match what was sent: seven reports, each announced; two
+    // verdicts from the category file, one from the cache and four from the
+    // two cloud queries; the four keys the cache took. Every command the
+    // module received was counted (the last may be counted just after it
+    // arrived).
+    const std::map<std::string, long long> counted = {
+        {"reports_received", 7}, {"reports_dropped", 0}, {"reports_invalid", 0}, {"u2k_lines", 7},
+        {"verdicts_category_file", 2}, {"verdicts_cache", 1}, {"verdicts_cloud", 4},
+        {"cloud_queries", 2}, {"cloud_keys_asked", 4}, {"cloud_answers", 2}, {"cloud_errors", 0},
+        {"cache_entries", 4}, {"cache_added", 4}, {"commands_refused", 0}, {"commands_failed", 0}};
+    std::map<std::string, long long> stats;
+    EXPECT_TRUE(zor_test::eventually([&] {
+        stats = stats_of(w);
+        return stats.count("commands_sent") && stats["commands_sent"] == static_cast<long long>(w.ctrl_lines().size());
+    }, kWorldWait)) << testing::PrintToString(stats) << "\n" << testing::PrintToString(w.ctrl_lines());
+    for (const auto& [key, value] : counted) EXPECT_EQ(stats.count(key) ? stats.at(key) : -1, value) << key;
+    EXPECT_GE(stats["cloud_logins"], 1);
+    EXPECT_TRUE(stats.count("uptime_s"));
     EXPECT_EQ(w.stop(), 0) << "a clean stop on SIGTERM\n" << w.service_output();
 
     const lines module_tools = {"lsmod | grep -w ^zor_service",

@@ -8,8 +8,18 @@
 #include <thread>
 #include <vector>
 
+#include <cjson/cJSON.h>
+
+#include <cstdlib>
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+
 #include "ipc_client.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
+#include "util/c_ptr.h"
 #include "test_util.h"
 #include "zorctl_run.h"
 
@@ -85,14 +95,121 @@ TEST_F(Zorctl, BadCommandLinesAreRefusedBeforeSending) {
         {{"-s", "/x", "query", "a", "99999999999", "1", "2"}, "32-bit integers"},
         {{"-s", "/x", "db", "add", "{broken"}, "one JSON object"},
         {{"-s", "/" + std::string(107, 's'), "status"}, "socket path longer than 107 bytes"},
+        {{"-s", "/x", "--json", "stats", "--prometheus"}, "either --json or --prometheus"},
+        {{"-s", "/x", "--prometheus", "status"}, "for the stats command only"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         zorctl_result r = run_zorctl(c.args);
         EXPECT_EQ(r.status, 2);
-        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
+        // With --json the error is the JSON object on standard output.
+        EXPECT_NE((r.err + r.out).find(c.message), std::string::npos) << r.err << r.out;
     }
     EXPECT_FALSE(log_.contains("Receive command"));
+}
+
+// Checks `text` against the Prometheus text exposition grammar: comment
+// lines are "# HELP name text" or "# TYPE name counter|gauge", given once
+// per name and before its sample; names match [a-zA-Z_:][a-zA-Z0-9_:]*;
+// counters end in _total; each sample is "name value" with a numeric value.
+// Returns the samples by name.
+std::map<std::string, double> parse_exposition(const std::string& text) {
+    static const std::regex name_re("[a-zA-Z_:][a-zA-Z0-9_:]*");
+    std::map<std::string, std::string> types;
+    std::set<std::string> helped;
+    std::map<std::string, double> samples;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        SCOPED_TRACE(line);
+        std::istringstream words(line);
+        std::string first, name;
+        words >> first;
+        if (first == "#") {
+            std::string keyword, rest;
+            words >> keyword >> name;
+            std::getline(words, rest);
+            EXPECT_TRUE(std::regex_match(name, name_re));
+            EXPECT_EQ(samples.count(name), 0u) << "comment after the sample";
+            if (keyword == "HELP") {
+                EXPECT_TRUE(helped.insert(name).second) << "HELP twice";
+                EXPECT_GT(rest.size(), 1u) << "empty HELP";
+            } else {
+                EXPECT_EQ(keyword, "TYPE");
+                EXPECT_TRUE(rest == " counter" || rest == " gauge") << rest;
+                EXPECT_TRUE(types.emplace(name, rest.substr(1)).second) << "TYPE twice";
+            }
+            continue;
+        }
+        std::string value, extra;
+        words >> value >> extra;
+        EXPECT_TRUE(std::regex_match(first, name_re));
+        EXPECT_EQ(first.rfind("zor_", 0), 0u);
+        EXPECT_EQ(extra, "") << "more than name and value";
+        EXPECT_EQ(helped.count(first), 1u) << "no HELP before the sample";
+        EXPECT_EQ(types.count(first), 1u) << "no TYPE before the sample";
+        if (types[first] == "counter") {
+            EXPECT_TRUE(first.size() > 6 && first.substr(first.size() - 6) == "_total");
+        }
+        char* end = nullptr;
+        const double v = strtod(value.c_str(), &end);
+        EXPECT_TRUE(!value.empty() && *end == '\0') << "value " << value;
+        EXPECT_TRUE(samples.emplace(first, v).second) << "sample twice";
+    }
+    return samples;
+}
+
+// The three formats carry the service's values: JSON members are integers
+// (every key of the table, the ones a web interface relies on among them),
+// the exposition passes the grammar with a sample per value, the text shows
+// one line per value.
+TEST_F(Zorctl, StatsPrintEveryCounterInEachFormat) {
+    stat_add(g_stats.verdicts_cloud, 17);
+    stat_set(g_stats.cloud_query_rtt_ms, 1234);
+    std::map<std::string, uint64_t> want;
+    for (const stat_value& v : stats_snapshot()) want[v.info->name] = v.value;
+
+    zorctl_result r = ctl({"stats", "--json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    json_ptr doc(cJSON_Parse(r.out.c_str()));
+    ASSERT_TRUE(cJSON_IsObject(doc.get())) << r.out;
+    EXPECT_TRUE(cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(doc.get(), "ok")));
+    for (const char* key : {"reports_received", "reports_dropped", "verdicts_category_file", "verdicts_cache",
+                            "verdicts_cloud", "cloud_queries", "cloud_errors", "cache_entries", "commands_sent",
+                            "uptime_s"})
+        EXPECT_TRUE(want.count(key)) << key;
+    for (const auto& [key, value] : want) {
+        const cJSON* item = cJSON_GetObjectItemCaseSensitive(doc.get(), key.c_str());
+        ASSERT_TRUE(cJSON_IsNumber(item)) << key;
+        EXPECT_EQ(item->valuedouble, static_cast<double>(static_cast<int64_t>(item->valuedouble))) << key;
+        if (key != "uptime_s") {
+            EXPECT_EQ(item->valuedouble, static_cast<double>(value)) << key;
+        }
+    }
+
+    r = ctl({"--prometheus", "stats"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    const std::map<std::string, double> samples = parse_exposition(r.out);
+    EXPECT_EQ(samples.size(), want.size());
+    EXPECT_EQ(samples.at("zor_verdicts_cloud_total"), static_cast<double>(want["verdicts_cloud"]));
+    EXPECT_EQ(samples.at("zor_cloud_query_rtt_seconds"), 1.234);
+    EXPECT_EQ(samples.count("zor_cache_entries"), 1u);
+    EXPECT_EQ(samples.count("zor_uptime_seconds"), 1u);
+
+    r = ctl({"stats"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::istringstream text(r.out);
+    size_t lines = 0;
+    for (std::string line; std::getline(text, line); ++lines) {
+        std::istringstream words(line);
+        std::string key, value;
+        words >> key >> value;
+        ASSERT_TRUE(want.count(key)) << line;
+        if (key != "uptime_s") {
+            EXPECT_EQ(value, std::to_string(want[key])) << line;
+        }
+    }
+    EXPECT_EQ(lines, want.size());
 }
 
 TEST_F(Zorctl, MissingOrMuteServiceExitsThreeOrFour) {
@@ -116,6 +233,51 @@ TEST_F(Zorctl, MissingOrMuteServiceExitsThreeOrFour) {
     EXPECT_EQ(r.status, 4);
     EXPECT_EQ(r.err, "zorctl: the service closed the connection without a reply (it refuses accounts other than "
                      "root, its own and the members of its ipc_group)\n");
+}
+
+// A stats reply that is not a whole counter reply (a service that does not
+// know the command answers with its kept record; a sequence cut short or out
+// of order) is refused with exit 4, and nothing goes to standard output.
+TEST_F(Zorctl, StatsRefuseARecordSequenceThatIsNotACounterReply) {
+    auto record = [](int32_t result, const std::string& msg) {
+        ipc_reply r{};
+        r.result = result;
+        memcpy(r.msg, msg.data(), std::min(msg.size(), sizeof r.msg - 1));
+        return r;
+    };
+    const struct {
+        std::vector<ipc_reply> records;
+        const char* error;
+    } cases[] = {
+        {{record(0, "1 0 0 0 ")}, "unexpected counter line: 1 0 0 0 "},
+        {{record(0, "")}, "the reply lacks counter reports_received"},
+        {{record(0, "reports_received 1\nreports_received 2\n")}, "counter reports_received sent twice"},
+        {{record(0, "reports_received -1\n")}, "unexpected counter line: reports_received -1"},
+        {{record(0, "reports_received 99999999999999999999\n")}, "unexpected counter line"},
+        {{record(2, "reports_received 1\n"), record(0, "")}, "not a sequence of counter records"},
+        {{record(1, "reports_received 1\n")}, "closed the connection without a reply"},
+        {{record(16, "")}, "not a sequence of counter records"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.error);
+        const std::string path = dir_.file("fake.socket");
+        unlink(path.c_str());
+        zor_test::ipc_socket fake(path, true);
+        ASSERT_TRUE(fake.ok());
+        std::thread server([&] {
+            int conn = accept(fake.fd(), nullptr, nullptr);
+            char buf[sizeof(ipc_request)];
+            if (conn < 0) return;
+            (void)!recv(conn, buf, sizeof buf, MSG_WAITALL);
+            for (const ipc_reply& r : c.records) (void)!send(conn, &r, sizeof r, MSG_NOSIGNAL);
+            close(conn);
+        });
+        zorctl_result r = run_zorctl({"-s", path, "--prometheus", "stats"});
+        server.join();
+        EXPECT_EQ(r.status, 4);
+        EXPECT_EQ(r.out, "");
+        EXPECT_NE(r.err.find(c.error), std::string::npos) << r.err;
+    }
 }
 
 }  // namespace

@@ -28,6 +28,7 @@
 #include "ipc/ipc_server.h"
 #include "util/c_ptr.h"
 #include "util/unique_fd.h"
+#include "zorctl_stats.h"
 
 namespace {
 
@@ -45,6 +46,7 @@ struct options {
     std::string socket_path;
     std::string ini_path;
     bool json = false;
+    bool prometheus = false;  // stats in the Prometheus text format
     int timeout_s = kDefaultTimeoutSeconds;
     std::vector<std::string> words;
 };
@@ -90,7 +92,7 @@ void print_outcome(const outcome& o, bool json) {
 }
 
 const char kUsage[] =
-    "usage: zorctl [-s SOCKET | -i INI] [--json] [-t SECONDS] COMMAND\n"
+    "usage: zorctl [-s SOCKET | -i INI] [--json | --prometheus] [-t SECONDS] COMMAND\n"
     "commands:\n"
     "  exit                 stop the service\n"
     "  cloud on|off         switch cloud category lookups\n"
@@ -100,7 +102,8 @@ const char kUsage[] =
     "  status               cloud switch, login state, login and expiry times, account\n"
     "  query NAME TYPE A B  send one query to the cloud service by hand\n"
     "  db show              write the verdict cache listing to the service log\n"
-    "  db add JSON          feed a cloud reply object to the verdict cache\n";
+    "  db add JSON          feed a cloud reply object to the verdict cache\n"
+    "  stats                the service's counters (--prometheus: for a textfile collector)\n";
 
 // --- command line -----------------------------------------------------------
 
@@ -120,6 +123,8 @@ std::optional<std::string> parse_options(int argc, char** argv, options* opt) {
         std::string a = argv[i];
         if (a == "--json") {
             opt->json = true;
+        } else if (a == "--prometheus") {
+            opt->prometheus = true;
         } else if (a == "-s" || a == "-i" || a == "-t") {
             if (i + 1 >= argc) return "option " + a + " needs a value";
             std::string v = argv[++i];
@@ -139,13 +144,18 @@ std::optional<std::string> parse_options(int argc, char** argv, options* opt) {
             break;
         }
     }
-    // --json may also follow the command.
+    // --json and --prometheus may also follow the command.
     for (; i < argc; ++i) {
         if (strcmp(argv[i], "--json") == 0)
             opt->json = true;
+        else if (strcmp(argv[i], "--prometheus") == 0)
+            opt->prometheus = true;
         else
             opt->words.emplace_back(argv[i]);
     }
+    if (opt->json && opt->prometheus) return "give either --json or --prometheus, not both";
+    if (opt->prometheus && !(opt->words.size() == 1 && opt->words[0] == "stats"))
+        return "--prometheus is for the stats command only";
     if (!opt->socket_path.empty() && !opt->ini_path.empty())
         return "give either -s SOCKET or -i INI, not both";
     if (opt->socket_path.empty() && opt->ini_path.empty()) return "give -s SOCKET or -i INI";
@@ -178,6 +188,7 @@ struct exchange_result {
     int code = EXIT_DONE;
     std::string error;
     ipc_reply reply{};
+    std::vector<ipc_reply> records;  // the counter records, for stats
 };
 
 exchange_result exchange_error(int code, std::string message) {
@@ -232,6 +243,35 @@ const char kClosedUnanswered[] =
     "the service closed the connection without a reply (it refuses accounts other than root, its own "
     "and the members of its ipc_group)";
 
+// Reads one whole reply record into `reply`; an error result otherwise.
+std::optional<exchange_result> read_record(int fd, int timeout_s, ipc_reply* reply) {
+    ssize_t n = recv_all(fd, reply, sizeof *reply);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return exchange_error(EXIT_NO_REPLY, "no reply within " + std::to_string(timeout_s) + " s");
+    if (n <= 0) return exchange_error(EXIT_NO_REPLY, kClosedUnanswered);
+    if (static_cast<size_t>(n) < sizeof *reply)
+        return exchange_error(EXIT_NO_REPLY, "short reply of " + std::to_string(n) + " bytes");
+    reply->msg[sizeof reply->msg - 1] = '\0';
+    return std::nullopt;
+}
+
+// Reads counter records up to the one flagged last: the first says how many
+// follow and each next one counts down by one, at most IPC_STATS_MAX_RECORDS.
+exchange_result read_records(int fd, int timeout_s) {
+    exchange_result r;
+    for (;;) {
+        ipc_reply rec{};
+        if (auto err = read_record(fd, timeout_s, &rec)) return *err;
+        const int32_t want = r.records.empty() ? rec.result : r.records.back().result - 1;
+        if (rec.result < 0 || rec.result >= static_cast<int32_t>(IPC_STATS_MAX_RECORDS) || rec.result != want)
+            return exchange_error(EXIT_NO_REPLY, "the reply is not a sequence of counter records");
+        r.records.push_back(rec);
+        if (rec.result == 0) break;
+    }
+    r.ok = true;
+    return r;
+}
+
 exchange_result exchange(const std::string& path, int timeout_s, const ipc_request& req) {
     sockaddr_un addr{};
     if (path.size() >= sizeof addr.sun_path)
@@ -251,15 +291,9 @@ exchange_result exchange(const std::string& path, int timeout_s, const ipc_reque
         if (errno == EPIPE || errno == ECONNRESET) return exchange_error(EXIT_NO_REPLY, kClosedUnanswered);
         return exchange_error(EXIT_NO_REPLY, std::string("cannot send the request: ") + strerror(errno));
     }
+    if (req.cmd == IPC_CMD_STATS) return read_records(fd.get(), timeout_s);
     exchange_result r;
-    ssize_t n = recv_all(fd.get(), &r.reply, sizeof r.reply);
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
-        return exchange_error(EXIT_NO_REPLY,
-                              "no reply within " + std::to_string(timeout_s) + " s");
-    if (n <= 0) return exchange_error(EXIT_NO_REPLY, kClosedUnanswered);
-    if (static_cast<size_t>(n) < sizeof r.reply)
-        return exchange_error(EXIT_NO_REPLY, "short reply of " + std::to_string(n) + " bytes");
-    r.reply.msg[sizeof r.reply.msg - 1] = '\0';
+    if (auto err = read_record(fd.get(), timeout_s, &r.reply)) return *err;
     r.ok = true;
     return r;
 }
@@ -272,6 +306,7 @@ struct command {
     ipc_request req{};
     outcome (*read)(const command&, const ipc_reply&) = nullptr;
     std::string arg;  // the path, name or JSON the command carries
+    bool prometheus = false;  // stats: the exposition format instead of text
 };
 
 bool set_buf(ipc_request* req, const std::string& text) {
@@ -382,6 +417,15 @@ outcome read_db_show(const command& c, const ipc_reply& r) {
     return success(c.name, "The verdict cache listing was written to the service log.");
 }
 
+outcome read_stats(const command& c, const std::vector<ipc_reply>& records) {
+    std::vector<stat_value> values;
+    if (auto err = stats_parse(records, &values)) return failure(c.name, EXIT_NO_REPLY, *err);
+    if (c.prometheus) return success(c.name, stats_prometheus(values));
+    outcome o = success(c.name, stats_text(values));
+    stats_json(o.object.get(), values);
+    return o;
+}
+
 outcome read_db_add(const command& c, const ipc_reply&) {
     return success(c.name, "Reply handed to the verdict cache; the service does not say whether "
                            "it took any verdict from it.");
@@ -412,6 +456,7 @@ std::optional<std::string> build_command(const std::vector<std::string>& w, comm
     if (is({"pc", "clear"})) return simple("pc clear", IPC_CMD_PC_CLEAR_RULE, read_pc_clear, 2);
     if (is({"status"})) return simple("status", IPC_CMD_STATUS, read_status, 1);
     if (is({"db", "show"})) return simple("db show", IPC_CMD_SHOW_DB, read_db_show, 2);
+    if (is({"stats"})) return simple("stats", IPC_CMD_STATS, nullptr, 1);
     if (is({"pc", "rule"})) {
         if (simple("pc rule", IPC_CMD_PC_SET_RULE, read_pc_rule, 3)) return "usage: pc rule FILE";
         std::string path = w[2];
@@ -484,8 +529,11 @@ int run(int argc, char** argv) {
         }
         socket_path = *s;
     }
+    c.prometheus = opt.prometheus;
     exchange_result x = exchange(socket_path, opt.timeout_s, c.req);
-    outcome o = x.ok ? c.read(c, x.reply) : failure(c.name, x.code, x.error);
+    outcome o = !x.ok                         ? failure(c.name, x.code, x.error)
+                : c.req.cmd == IPC_CMD_STATS ? read_stats(c, x.records)
+                                             : c.read(c, x.reply);
     print_outcome(o, opt.json);
     return o.code;
 }
