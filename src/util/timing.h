@@ -2,10 +2,10 @@
 // value the product runs with. Tests, benchmarks and the soak build shorten
 // them here and nowhere else.
 //
-// Who sets it and when: the service's entry once, on the initial thread,
-// before it starts any subsystem (the product's values, or the soak build's
-// shorter cleaner periods); a test or benchmark before it starts the
-// subsystem it exercises. Each subsystem takes its values when
+// Who sets it and when: zor_service_run (service_main.h) once, on the
+// initial thread, before it starts any subsystem (the product's values from
+// main, the soak build's shorter cleaner periods); a test or benchmark before
+// it starts the subsystem it exercises. Each subsystem takes its values when
 // it starts (the transport when a request starts), so a record set while a
 // subsystem runs applies only to what starts afterwards. Reading and setting
 // are thread-safe, but no thread should count on a change while it runs.

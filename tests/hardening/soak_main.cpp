@@ -5,14 +5,11 @@
 // only in the build tree, for scripts/soak.sh.
 #include <chrono>
 
-#include "util/timing.h"
-
-int zor_service_main(int argc, char** argv);
+#include "service_main.h"
 
 int main(int argc, char** argv) {
     zor_timing timing;
     timing.cache_clean = std::chrono::milliseconds(ZOR_SOAK_CACHE_CLEAN_MS);
     timing.log_clean = std::chrono::milliseconds(ZOR_SOAK_LOG_CLEAN_MS);
-    timing_set(timing);
-    return zor_service_main(argc, argv);
+    return zor_service_run(argc, argv, timing);
 }
