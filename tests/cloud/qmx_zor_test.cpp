@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -13,6 +14,7 @@
 #include "cloudsim.h"
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
+#include "stats.h"
 #include "test_util.h"
 
 namespace {
@@ -40,6 +42,26 @@ std::string line_with(const zor_test::log_capture& log, const std::string& text)
     for (const std::string& l : log.lines())
         if (l.find(text) != std::string::npos) return l;
     return {};
+}
+
+// The service counters by key, to compare before and after an exchange.
+std::map<std::string, uint64_t> counters() {
+    std::map<std::string, uint64_t> m;
+    for (const stat_value& v : stats_snapshot()) m[v.info->name] = v.value;
+    return m;
+}
+
+// Checks how much each named cloud counter grew since `before`; the error
+// counters not named must not have grown at all.
+void expect_grown(const std::map<std::string, uint64_t>& before,
+                  const std::map<std::string, uint64_t>& want) {
+    std::map<std::string, uint64_t> now = counters();
+    for (const char* key : {"cloud_errors", "cloud_errors_transport", "cloud_errors_http", "cloud_errors_refused",
+                            "cloud_errors_reply"})
+        if (!want.count(key)) {
+            EXPECT_EQ(now[key], before.at(key)) << key;
+        }
+    for (const auto& [key, grown] : want) EXPECT_EQ(now[key] - before.at(key), grown) << key;
 }
 
 // Five minutes before expiry, at once in the last five minutes or after it,
@@ -194,7 +216,9 @@ TEST_F(Session, RefusedTokenOrReloginBringsANewToken) {
     ASSERT_EQ(start_session(), 1);
     auto w = wait_after_round(1);
     ASSERT_TRUE(w && w->have_session);  // now waiting for about 3300 s
+    const auto before = counters();
     EXPECT_FALSE(zor_query(kQuery));
+    expect_grown(before, {{"cloud_queries", 1}, {"cloud_answers", 0}, {"cloud_errors_refused", 1}, {"cloud_errors", 1}});
     EXPECT_EQ(nodes_of("query"), nodes{0});
     ASSERT_TRUE(wait_after_round(2));
     ASSERT_TRUE(eventually(zor_ready, kPatience));
@@ -211,6 +235,7 @@ TEST_F(Session, RefusedTokenOrReloginBringsANewToken) {
 TEST_F(Session, FailedLoginIsRetriedAfterTheInterval) {
     EXPECT_EQ(zor_init(sim.address().c_str(), "p", "i", "w", nullptr), 0);
     script("login garble");  // cut short: not JSON
+    const auto before = counters();
     ASSERT_EQ(start_session(), 1);
     auto w = wait_after_round(2);  // the first failure waits, then a second round
     ASSERT_TRUE(w);
@@ -221,12 +246,17 @@ TEST_F(Session, FailedLoginIsRetriedAfterTheInterval) {
     EXPECT_GE(sim.count("login"), 2u);
     EXPECT_EQ(sim.count("ping") + sim.count("query"), 0u);
     EXPECT_EQ(qmxsrv_ctx.auth_invalid.load(), 0);
+    zor_release();  // no further round while the counters are read
+    const auto now = counters();
+    EXPECT_EQ(now.at("cloud_errors_reply") - before.at("cloud_errors_reply"), sim.count("login"));
+    EXPECT_EQ(now.at("cloud_logins"), before.at("cloud_logins"));
 }
 
 TEST_F(Session, PingsAndQueriesMoveOnOverErrorsAndTimeOuts) {
     // The ping lands on node 2, so queries go 2, 0, 1; a 503 with code 7
     // moves on, and so do three time-outs; two are retried on the same server.
     script("ping 0 error 503 7\nping 1 error 503 7\nquery 2 times 1 error 503 7\nquery 0 times 1 error 503 7");
+    const auto before = counters();
     ASSERT_EQ(start_session(), 1);
     ASSERT_TRUE(eventually(zor_ready, kPatience));
     EXPECT_EQ(nodes_of("ping"), (nodes{0, 1, 2}));
@@ -234,12 +264,18 @@ TEST_F(Session, PingsAndQueriesMoveOnOverErrorsAndTimeOuts) {
     EXPECT_EQ(nodes_of("query"), (nodes{2, 0, 1}));
     EXPECT_EQ(zor_query(kQuery), kReply);  // the rotation did not move the start
     EXPECT_EQ(nodes_of("query"), (nodes{2, 0, 1, 2}));
+    expect_grown(before, {{"cloud_logins", 1}, {"cloud_pings", 3}, {"cloud_queries", 2}, {"cloud_answers", 2},
+                          {"cloud_errors_http", 4}, {"cloud_errors", 4}});
+    const auto timed = counters();
     timing_set({.login_retry = kRetry, .form_timeout = 5000ms, .request_timeout = 800ms});
     for (auto [times, then] : {std::pair{"2", nodes{2, 2, 2}}, {"3", nodes{2, 2, 2, 0}}}) {
         script(std::string("query 2 times ") + times + " delay 3000", false);
         EXPECT_EQ(zor_query(kQuery), kReply) << times;
         EXPECT_EQ(nodes_of("query"), then) << times;
     }
+    // Two time-outs and an answer on one server are one request; three are
+    // one failed request.
+    expect_grown(timed, {{"cloud_queries", 2}, {"cloud_answers", 2}, {"cloud_errors_transport", 1}, {"cloud_errors", 1}});
 }
 
 // Release aborts the maintainer's login and another thread's query in flight.
