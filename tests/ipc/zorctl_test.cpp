@@ -66,6 +66,7 @@ TEST_F(Zorctl, EachCommandPrintsItsResultAndReachesTheService) {
          nullptr, 0},
         {{"exit"}, 0, "zor_service is shutting down.\n", "", &qmxsrv_ctx.running, 0},
     };
+    const uint64_t applied = g_stats.rule_applications.load(), rules_sent = g_stats.rules_sent.load();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args[0] + (c.args.size() > 1 ? " " + c.args[1] : ""));
         zorctl_result r = ctl(c.args);
@@ -77,6 +78,9 @@ TEST_F(Zorctl, EachCommandPrintsItsResultAndReachesTheService) {
         }
     }
     EXPECT_EQ(rec_.count_with("pc rule add 2 aabbccddeeff x.example 0 0"), 1u);
+    // Only the rule file named by "pc rule" was applied ("pc on" had none).
+    EXPECT_EQ(g_stats.rule_applications.load() - applied, 1u);
+    EXPECT_EQ(g_stats.rules_sent.load() - rules_sent, 1u);
     EXPECT_EQ(qmxsrv_ctx_pc_rule(), "");
     EXPECT_TRUE(log_.contains(R"(Send: {"q":[[20,"example.net",7,-3]]})"));
     EXPECT_TRUE(log_.contains("[D] Receive command: show database"));
