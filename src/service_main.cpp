@@ -3,9 +3,10 @@
 // then a wait loop that ends in service_shutdown(), which walks the same
 // table back.
 //
-// Signals only record their number. SIGTERM and SIGINT are blocked from
-// before the first thread starts, so every thread inherits the block and the
-// main thread alone takes them, atomically unblocked inside its wait.
+// Signals only record their number. SIGTERM, SIGINT and SIGHUP are blocked
+// from before the first thread starts, so every thread inherits the block
+// and the main thread alone takes them, atomically unblocked inside its
+// wait. SIGHUP asks for a reload (reload.h), which the main thread runs.
 //
 // The file's name ends in "main" so that its log lines carry the tag main/
 // (log.h takes the four characters before the extension).
@@ -23,6 +24,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <string>
 
 #include "base64.h"
 #include "ipc/ipc_server.h"
@@ -35,6 +37,7 @@
 #include "qmx_server.h"
 #include "qmx_zor.h"
 #include "qmxsrv_ctx.h"
+#include "reload.h"
 #include "service_main.h"
 #include "xdb.h"
 
@@ -43,6 +46,7 @@ namespace {
 // Set by the signal handler, read by the wait loop: a lock-free atomic, the
 // one kind of shared word a handler may store to.
 std::atomic<int> stop_signal{0};
+std::atomic<int> reload_signal{0};  // 1 once SIGHUP came, until the reload runs
 static_assert(std::atomic<int>::is_always_lock_free);
 
 struct entry_options {
@@ -53,6 +57,7 @@ struct entry_options {
 
 void signal_handler(int signo) {
     if (signo == SIGTERM || signo == SIGKILL || signo == SIGINT) stop_signal.store(signo);
+    if (signo == SIGHUP) reload_signal.store(1);
 }
 
 void install_signal_handlers() {
@@ -61,21 +66,23 @@ void install_signal_handlers() {
     sigemptyset(&sa.sa_mask);
     sa.sa_flags = 0;
     sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGHUP, &sa, nullptr);
     sigaction(SIGKILL, &sa, nullptr);  // refused by the system; harmless
     sigaction(SIGPIPE, &sa, nullptr);
     signal(SIGINT, signal_handler);
     signal(SIGPIPE, SIG_IGN);
 }
 
-// Blocks SIGTERM and SIGINT; returns the mask to wait with (them unblocked).
-sigset_t block_stop_signals() {
-    sigset_t stop, previous;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGTERM);
-    sigaddset(&stop, SIGINT);
-    sigprocmask(SIG_BLOCK, &stop, &previous);
-    sigdelset(&previous, SIGTERM);
-    sigdelset(&previous, SIGINT);
+// The signals only the main thread takes, in its wait.
+constexpr int kWaitSignals[] = {SIGTERM, SIGINT, SIGHUP};
+
+// Blocks kWaitSignals; returns the mask to wait with (them unblocked).
+sigset_t block_wait_signals() {
+    sigset_t blocked, previous;
+    sigemptyset(&blocked);
+    for (int signo : kWaitSignals) sigaddset(&blocked, signo);
+    sigprocmask(SIG_BLOCK, &blocked, &previous);
+    for (int signo : kWaitSignals) sigdelset(&previous, signo);
     return previous;
 }
 
@@ -277,8 +284,12 @@ timespec wait_period(std::chrono::milliseconds period) {
 [[noreturn]] void wait_loop(const sigset_t& wait_mask, std::chrono::milliseconds period) {
     const timespec wait = wait_period(period);
     for (;;) {
-        if (stop_signal.load() == 0) ppoll(nullptr, 0, &wait, &wait_mask);
+        if (stop_signal.load() == 0 && reload_signal.load() == 0) ppoll(nullptr, 0, &wait, &wait_mask);
         if (stop_signal.load() != 0) service_shutdown(0);
+        if (reload_signal.exchange(0) != 0) {
+            std::string message;  // already logged
+            (void)service_reload("SIGHUP", &message);
+        }
         if (qmxsrv_ctx.running == 0) service_shutdown(0);
         if (qmxsrv_ctx.auth_invalid != 0) {
             kmod_unload_modules();
@@ -320,7 +331,7 @@ int zor_service_run(int argc, char** argv, const zor_timing& timing) {
     if (opt.daemon) daemonize();
     qmxsrv_ctx.pid = getpid();
 
-    const sigset_t wait_mask = block_stop_signals();
+    const sigset_t wait_mask = block_wait_signals();
     start_subsystems(opt);
     LOG_I("ZOR service start up");
     kmod_load();

@@ -422,7 +422,11 @@ std::optional<xdb_match> category_db_match_ipv4(const category_db* db, const cha
 }
 
 std::optional<xdb_match> xdb_match_domain(const char* name, size_t len) {
-    return category_db_match_domain(xdb_get(), name, len);
+    const xdb_reader db = xdb_read();
+    return category_db_match_domain(db.get(), name, len);
 }
 
-std::optional<xdb_match> xdb_match_ipv4(const char* text) { return category_db_match_ipv4(xdb_get(), text); }
+std::optional<xdb_match> xdb_match_ipv4(const char* text) {
+    const xdb_reader db = xdb_read();
+    return category_db_match_ipv4(db.get(), text);
+}

@@ -1,8 +1,10 @@
 // Category file matcher: the domain and address lookups, and under them the
 // pattern automaton scanner over a loaded xac block (see xdb.h). Any thread
-// may look up at any time while a file is loaded: the tables are shared and
-// immutable, so a lookup takes no lock and allocates nothing. A scanner
-// belongs to one thread and one lookup.
+// may look up at any time: the tables are shared and immutable, so a lookup
+// takes no lock and allocates nothing. The process-wide lookups hold the file
+// for their own length (xdb_reader), so a reload never frees it under them
+// and each lookup answers from one file, old or new. A scanner belongs to one
+// thread and one lookup.
 //
 // Matches are reported in this order: by the position where the automaton
 // key ends, left to right; at one position the longest key first, then the
@@ -35,7 +37,8 @@ struct xdb_match {
     bool operator==(const xdb_match&) const = default;
 };
 
-// The accepted match, or none; none when no file is loaded.
+// The accepted match in the process-wide file, or none; none when no file
+// is loaded.
 std::optional<xdb_match> xdb_match_domain(const char* name, size_t len);
 std::optional<xdb_match> xdb_match_ipv4(const char* text);
 

@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <new>
+#include <string>
 #include <vector>
 
 #include "util/c_ptr.h"
@@ -75,6 +77,27 @@ private:
     std::FILE* file_ = nullptr;
     const uint8_t* mem_ = nullptr;
     uint64_t remaining_ = 0;
+};
+
+// Where the loader's messages go: standard error, or the caller's text.
+class load_log {
+public:
+    explicit load_log(std::string* keep) : keep_(keep) {}
+
+    void say(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
+        char line[512];
+        va_list ap;
+        va_start(ap, fmt);
+        std::vsnprintf(line, sizeof line, fmt, ap);
+        va_end(ap);
+        if (keep_)
+            keep_->append(line);
+        else
+            std::fputs(line, stderr);
+    }
+
+private:
+    std::string* keep_;
 };
 
 template <typename T>
@@ -261,43 +284,43 @@ void mark_root_stays(xac_tables& tb) {
 // The automaton block: its block header, the 576-byte header and the flags
 // this matcher supports, then the transition and hash area, the pattern,
 // postfix and suffix tables, and a check of every table against the others.
-// Prints what failed on standard error.
-bool load_xac(byte_source& src, xac_tables& tb) {
+// Says what failed in `log`.
+bool load_xac(byte_source& src, xac_tables& tb, load_log& log) {
     uint8_t block[XDB_BLOCK_HEADER_SIZE];
     if (!src.read(block, sizeof block)) {
-        std::fputs("Failed to read xac header!\n", stderr);
+        log.say("Failed to read xac header!\n");
         return false;
     }
     if (block[XDB_BLOCK_TYPE_AT] != XDB_BLOCK_XAC) {
-        std::fputs("This is not xac block!\n", stderr);
+        log.say("This is not xac block!\n");
         return false;
     }
     if (!src.read(tb.header, sizeof tb.header)) {
-        std::fputs("Failed to check file size!\n", stderr);
+        log.say("Failed to check file size!\n");
         return false;
     }
     decode_header(tb);
     if (xdb_be16(tb.header + XAC_MAGIC_AT) != XAC_MAGIC) {
-        std::fputs("Failed to check magic!\n", stderr);
+        log.say("Failed to check magic!\n");
         return false;
     }
     if (tb.flags_a & XAC_A_4X) {
-        std::fprintf(stderr, "This xac file is %s format!\n", "4x");
+        log.say("This xac file is %s format!\n", "4x");
         return false;
     }
     if (tb.flags_b & XAC_B_S2) {
-        std::fputs("This scanner doesn't support S2!\n", stderr);
+        log.say("This scanner doesn't support S2!\n");
         return false;
     }
     if (tb.flags_b & XAC_B_CATEGORY) {
-        std::fputs("This scanner doesn't support category field!\n", stderr);
+        log.say("This scanner doesn't support category field!\n");
         return false;
     }
 
     const uint64_t area_words = 2 * uint64_t{tb.hash_slots} + tb.trans_count;
     tb.area = read_array<uint32_t>(src, area_words);
     if (!tb.area) {
-        std::fprintf(stderr, "Failed to load tran table, %ld!\n", static_cast<long>(area_words * 4));
+        log.say("Failed to load tran table, %ld!\n", static_cast<long>(area_words * 4));
         return false;
     }
     words_to_host(tb.area.get(), area_words);
@@ -308,28 +331,28 @@ bool load_xac(byte_source& src, xac_tables& tb) {
         const uint64_t records = uint64_t{tb.pattern_count} + 1;
         tb.patterns = read_array<uint32_t>(src, records * 2);
         if (!tb.patterns) {
-            std::fprintf(stderr, "Failed to load pattern table, %ld!\n", static_cast<long>(records * 8));
+            log.say("Failed to load pattern table, %ld!\n", static_cast<long>(records * 8));
             return false;
         }
         words_to_host(tb.patterns.get(), records * 2);
         if (tb.postfix_size) {
             tb.postfix = read_array<uint8_t>(src, tb.postfix_size);
             if (!tb.postfix) {
-                std::fprintf(stderr, "Failed to load postfix table, %d!\n", static_cast<int>(tb.postfix_size));
+                log.say("Failed to load postfix table, %d!\n", static_cast<int>(tb.postfix_size));
                 return false;
             }
         }
         if (tb.suffix_size) {
             tb.suffix = read_array<uint8_t>(src, tb.suffix_size);
             if (!tb.suffix) {
-                std::fprintf(stderr, "Failed to load suffix table, %d!\n", static_cast<int>(tb.suffix_size));
+                log.say("Failed to load suffix table, %d!\n", static_cast<int>(tb.suffix_size));
                 return false;
             }
         }
     }
 
     if (const char* why = table_check(tb).run()) {
-        std::fprintf(stderr, "Invalid xac tables, %s!\n", why);
+        log.say("Invalid xac tables, %s!\n", why);
         return false;
     }
     mark_root_stays(tb);
@@ -339,43 +362,43 @@ bool load_xac(byte_source& src, xac_tables& tb) {
 // The IPv4 prefilter block after the automaton. Failures leave the file
 // without one. Only the bytes the matcher uses are kept; the rest is read
 // past.
-void load_prefilter(byte_source& src, category_db& db) {
+void load_prefilter(byte_source& src, category_db& db, load_log& log) {
     uint8_t block[XDB_BLOCK_HEADER_SIZE];
     if (!src.read(block, sizeof block)) {
-        std::fputs("Failed to read ip prefilter header!\n", stderr);
+        log.say("Failed to read ip prefilter header!\n");
         return;
     }
     if (block[XDB_BLOCK_TYPE_AT] != XDB_BLOCK_PREFILTER) {
-        std::fputs("This is not ip prefilter block!\n", stderr);
+        log.say("This is not ip prefilter block!\n");
         return;
     }
     const uint32_t size = xdb_be32(block + XDB_BLOCK_SIZE_AT);
     std::unique_ptr<uint8_t[]> bitmap(new (std::nothrow) uint8_t[XDB_PREFILTER_BYTES]());
     if (!bitmap) {
-        std::fprintf(stderr, "Failed to allocate memory, L%d!\n", 113);
+        log.say("Failed to allocate memory, L%d!\n", 113);
         return;
     }
     const uint32_t kept = std::min<uint32_t>(size, XDB_PREFILTER_BYTES);
     if (!src.read(bitmap.get(), kept) || !src.skip(size - kept)) {
-        std::fprintf(stderr, "Failed to load table, %d!\n", static_cast<int>(size));
+        log.say("Failed to load table, %d!\n", static_cast<int>(size));
         return;
     }
     db.prefilter = std::move(bitmap);
 }
 
-category_db_ptr load_from(byte_source& src) {
+category_db_ptr load_from(byte_source& src, load_log& log) {
     category_db_ptr db(new (std::nothrow) category_db);
     std::unique_ptr<xac_tables> tb(new (std::nothrow) xac_tables);
-    if (!db || !tb || !load_xac(src, *tb)) {
-        std::fputs("Failed to load xdb!\n", stderr);
+    if (!db || !tb || !load_xac(src, *tb, log)) {
+        log.say("Failed to load xdb!\n");
         return nullptr;
     }
     db->tables = std::move(tb);
-    load_prefilter(src, *db);
+    load_prefilter(src, *db, log);
     return db;
 }
 
-category_db_ptr g_db;
+grace_slot<category_db, category_db_deleter> g_db;
 
 }  // namespace
 
@@ -393,16 +416,17 @@ void category_db_free(category_db* db) {
     delete db;
 }
 
-category_db_ptr xdb_load(const char* path) {
+category_db_ptr xdb_load(const char* path, std::string* messages) {
+    load_log log(messages);
     file_ptr f(path ? std::fopen(path, "rbe") : nullptr);
     if (!f) {
-        std::fprintf(stderr, "Failed to open file, %s!\n", path ? path : "(null)");
+        log.say("Failed to open file, %s!\n", path ? path : "(null)");
         return nullptr;
     }
     struct stat st {};
     if (fstat(fileno(f.get()), &st) == 0 && S_ISREG(st.st_mode)) {
         byte_source src(f.get(), static_cast<uint64_t>(st.st_size));
-        return load_from(src);
+        return load_from(src, log);
     }
     // A pipe or device has no size to check declared tables against: take
     // what it holds (bounded) and load from memory.
@@ -412,22 +436,33 @@ category_db_ptr xdb_load(const char* path) {
     while (bytes.size() < kMaxStreamBytes && (got = std::fread(chunk, 1, sizeof chunk, f.get())) > 0)
         bytes.insert(bytes.end(), chunk, chunk + std::min(got, kMaxStreamBytes - bytes.size()));
     byte_source src(bytes.data(), bytes.size());
-    return load_from(src);
+    return load_from(src, log);
 }
 
 category_db_ptr xdb_load_mem(const void* data, size_t len) {
+    load_log log(nullptr);
     byte_source src(static_cast<const uint8_t*>(data), data ? len : 0);
-    return load_from(src);
+    return load_from(src, log);
 }
 
 int xdb_init(const char* path) {
-    g_db = xdb_load(path);
-    if (!g_db) return -1;
+    category_db_ptr db = xdb_load(path);
+    const bool loaded = db != nullptr;
+    g_db.exchange(std::move(db));
+    if (!loaded) return -1;
     std::fputs("Success to load xdb.\n", stdout);
     std::fflush(stdout);
     return 0;
 }
 
+int xdb_reload(const char* path, std::string* messages) {
+    category_db_ptr db = xdb_load(path, messages);
+    if (!db) return -1;
+    // The old file is freed here, after the last lookup that holds it.
+    g_db.exchange(std::move(db));
+    return 0;
+}
+
 void xdb_release() { g_db.reset(); }
 
-const category_db* xdb_get() { return g_db.get(); }
+xdb_reader xdb_read() { return g_db.read(); }

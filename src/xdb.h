@@ -1,18 +1,26 @@
 // Category file: the compiled automaton of domain patterns with its IPv4
-// prefix filter, loaded once at start-up and read without locks afterwards.
+// prefix filter, loaded at start-up and replaced in one step by a reload.
 //
 // The main thread loads the file (xdb_init) before any worker runs and frees
-// it (xdb_release) after the workers are joined; in between the tables are
-// immutable and any number of threads may match against them at once. The
-// loader converts every table to host byte order and refuses a file whose
-// tables could make the matcher read outside them, so the matcher trusts
-// the invariants listed on xac_tables. The lookups are declared in xac.h,
-// the byte layout in xdb_format.h.
+// it (xdb_release) after the workers are joined. A reload (xdb_reload, from
+// the main thread on SIGHUP or from the command thread; the caller
+// serialises them) loads and checks the new file completely before it takes
+// the old one's place. Lookups hold the file through an xdb_reader, which
+// takes no lock (util/grace_slot.h): one that started before a reload
+// finishes on the old file, which is freed once the last of them is done.
+// A loaded file's tables are immutable and any number of threads may match
+// against them at once. The loader converts every table to host byte order
+// and refuses a file whose tables could make the matcher read outside them,
+// so the matcher trusts the invariants listed on xac_tables. The lookups are
+// declared in xac.h, the byte layout in xdb_format.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
+
+#include "util/grace_slot.h"
 
 #include "xdb_format.h"
 
@@ -82,9 +90,10 @@ struct category_db_deleter {
 };
 using category_db_ptr = std::unique_ptr<category_db, category_db_deleter>;
 
-// Reads `path` as a category file. Returns null after its messages on
-// standard error. Reads nothing past what the headers declare.
-[[nodiscard]] category_db_ptr xdb_load(const char* path);
+// Reads `path` as a category file. Returns null after its messages, one
+// line each, on standard error or, when `messages` is given, appended there
+// instead. Reads nothing past what the headers declare.
+[[nodiscard]] category_db_ptr xdb_load(const char* path, std::string* messages = nullptr);
 // The same over bytes already in memory (used by tests and fuzzing).
 [[nodiscard]] category_db_ptr xdb_load_mem(const void* data, size_t len);
 
@@ -92,7 +101,17 @@ using category_db_ptr = std::unique_ptr<category_db, category_db_deleter>;
 // "Success to load xdb." on standard output, or -1 after the loader's
 // messages on standard error (nothing is loaded then).
 [[nodiscard]] int xdb_init(const char* path);
+// Loads `path` and, once it has loaded, puts it in place of the
+// process-wide file; returns after the last lookup of the old file, which
+// it frees. Returns 0, or -1 with the old file kept. The loader's messages
+// are appended to `messages` either way. Never called while the calling
+// thread holds an xdb_reader.
+[[nodiscard]] int xdb_reload(const char* path, std::string* messages);
 // Frees the process-wide category file. Safe twice.
 void xdb_release();
-// The process-wide category file, or null.
-const category_db* xdb_get();
+
+// Holds the process-wide category file from xdb_read() to its own end;
+// get() is null when none is loaded. Keep one for one lookup only: a reload
+// waits for it.
+using xdb_reader = grace_slot<category_db, category_db_deleter>::reader;
+[[nodiscard]] xdb_reader xdb_read();

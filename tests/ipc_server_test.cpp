@@ -48,6 +48,8 @@ TEST_F(IpcServer, EachCommandWritesOnlyItsPartOfTheReply) {
         {IPC_CMD_CLOUD_ENABLE, "", 0, 0, {}, {}, "[D] Receive command: enable cloud service"},
         {IPC_CMD_PC_SET_RULE, "", 0, 1, {}, {}, "[D] IPC_CMD_PC_SET_RULE: no path"},
         {IPC_CMD_STATUS, "", 0, {}, "1 0 0 0 ", {}, ""},
+        // No category file configured: nothing to load, the text is emptied.
+        {IPC_CMD_RELOAD, "", 0, 0, "", {}, "[D] Receive command: reload"},
         {IPC_CMD_PC_CLEAR_RULE, "", 0, {}, {}, {}, ""},
         {IPC_CMD_SHOW_DB, "", 0, 0, {}, {}, "[D] Receive command: show database"},
         // An unterminated path is cut at the buffer's last byte, its message at the record's.

@@ -28,6 +28,7 @@
 #include "pctrl/pctrl_scheduler.h"
 #include "qmx_db.h"
 #include "qmxsrv_ctx.h"
+#include "reload.h"
 #include "util/c_ptr.h"
 #include "util/group_id.h"
 #include "util/timing.h"
@@ -184,6 +185,13 @@ void show_db(ipc_reply& reply) {
     reply.result = 0;
 }
 
+void reload(ipc_reply& reply) {
+    LOG_D("Receive command: reload");
+    std::string message;
+    reply.result = service_reload("command", &message) == 0 ? 0 : 1;
+    set_msg(reply, "%s", message.c_str());
+}
+
 }  // namespace
 
 std::vector<ipc_reply> ipc_stats_records(const std::vector<stat_value>& values) {
@@ -260,6 +268,9 @@ void ipc_dispatch(ipc_request& req, ipc_reply& reply) {
         case IPC_CMD_DB_ADD:
             db_add_reply(req.buf);
             reply.result = 0;
+            break;
+        case IPC_CMD_RELOAD:
+            reload(reply);
             break;
         case IPC_CMD_STATS:
             LOG_D("Receive command: stats");  // the records are sent by serve()

@@ -7,7 +7,8 @@
 //
 // ipc_srv_start and ipc_srv_stop are called by the main thread (start-up,
 // shutdown); the command thread writes the context's run-state words and
-// pc_rule, and calls the scheduler, the verdict cache and the cloud client.
+// pc_rule, and calls the scheduler, the verdict cache, the cloud client and
+// the reload.
 // Both records are raw structures in host byte order: both ends run on the
 // same machine.
 //
@@ -41,6 +42,7 @@ enum ipc_cmd : int32_t {
     IPC_CMD_QUERY = 100,         // type; buf "NAME A B"; the reply holds NAME over result
     IPC_CMD_SHOW_DB = 200,       // result 0; the listing goes to the log, not the reply
     IPC_CMD_DB_ADD = 201,        // buf: a cloud reply JSON; result 0 whatever the outcome
+    IPC_CMD_RELOAD = 300,        // result 0, or 1 with the category file loader's messages in msg
     IPC_CMD_STATS = 301,         // answered by ipc_stats_records; the kept reply is not written
 };
 

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -84,6 +85,44 @@ TEST_F(Zorctl, EachCommandPrintsItsResultAndReachesTheService) {
     EXPECT_EQ(qmxsrv_ctx_pc_rule(), "");
     EXPECT_TRUE(log_.contains(R"(Send: {"q":[[20,"example.net",7,-3]]})"));
     EXPECT_TRUE(log_.contains("[D] Receive command: show database"));
+}
+
+// A reload applies the rule file again only while parental control is on,
+// and fails with the loader's words, outside bytes escaped, when the
+// category file does not load.
+TEST_F(Zorctl, ReloadReappliesTheRulesAndFailsWithTheLoaderMessage) {
+    const std::string rules = dir_.file("rules.json"), garbage = dir_.file("garbage.xdb");
+    ASSERT_TRUE(write_file(rules, R"({"2": {"mac": "aabbccddeeff", "dn": "x.example"}})"));
+    ASSERT_TRUE(write_file(garbage, "not a category file"));
+    const std::string done = "Reloaded: the category file was read again, the rule file applied again when "
+                             "parental control is on, and the log file reopened.\n",
+                      failed = "zorctl: reload failed, the previous category file stays: ";
+    qmxsrv_ctx_set_pc_rule(rules.c_str());
+    const struct {
+        std::optional<std::string> xdb;
+        int32_t pctrl;
+        int status;
+        std::string out, err;
+        size_t rules_sent;  // "pc rule add" lines so far
+    } cases[] = {
+        {std::nullopt, 1, 0, done, "", 1},
+        {std::nullopt, 0, 0, done, "", 1},
+        {dir_.file("gone\x01.xdb"), 0, 1, "", failed + "Failed to open file, " + dir_.file("gone\\x01.xdb") + "!\n", 1},
+        {garbage, 1, 1, "", failed + "This is not xac block! Failed to load xdb!\n", 2},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.xdb.value_or("no category file"));
+        qmxsrv_ctx.xdb = c.xdb;
+        qmxsrv_ctx.pctrl_enabled = c.pctrl;
+        zorctl_result r = ctl({"reload"});
+        EXPECT_EQ(r.status, c.status);
+        EXPECT_EQ(r.out, c.out);
+        EXPECT_EQ(r.err, c.err);
+        EXPECT_EQ(rec_.count_with("pc rule add 2 aabbccddeeff x.example 0 0"), c.rules_sent);
+    }
+    qmxsrv_ctx.xdb.reset();
+    EXPECT_TRUE(log_.contains("Reload: category file " + garbage +
+                              " not loaded, the previous one stays: This is not xac block! Failed to load xdb!"));
 }
 
 TEST_F(Zorctl, BadCommandLinesAreRefusedBeforeSending) {

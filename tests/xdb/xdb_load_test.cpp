@@ -66,7 +66,7 @@ TEST(XdbLoad, InitReportsTheOutcomeAndFailureLeavesNothingLoaded) {
     CaptureStderr();
     EXPECT_EQ(xdb_init("/nonexistent/zor.xdb"), -1);
     EXPECT_EQ(GetCapturedStderr(), "Failed to open file, /nonexistent/zor.xdb!\n");
-    EXPECT_EQ(xdb_get(), nullptr);
+    EXPECT_EQ(xdb_read().get(), nullptr);
     EXPECT_FALSE(xdb_match_domain("www.example.com", 15).has_value());
     EXPECT_FALSE(xdb_match_ipv4("10.9.8.7").has_value());
     xdb_release();

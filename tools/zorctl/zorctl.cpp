@@ -103,6 +103,7 @@ const char kUsage[] =
     "  query NAME TYPE A B  send one query to the cloud service by hand\n"
     "  db show              write the verdict cache listing to the service log\n"
     "  db add JSON          feed a cloud reply object to the verdict cache\n"
+    "  reload               re-read the category file, re-apply the rule file, reopen the log\n"
     "  stats                the service's counters (--prometheus: for a textfile collector)\n";
 
 // --- command line -----------------------------------------------------------
@@ -431,6 +432,15 @@ outcome read_db_add(const command& c, const ipc_reply&) {
                            "it took any verdict from it.");
 }
 
+outcome read_reload(const command& c, const ipc_reply& r) {
+    if (r.result != 0) {
+        std::string why = r.msg[0] != '\0' ? r.msg : "the service refused the command";
+        return failure(c.name, EXIT_REFUSED, "reload failed, the previous category file stays: " + why);
+    }
+    return success(c.name, "Reloaded: the category file was read again, the rule file applied again "
+                           "when parental control is on, and the log file reopened.");
+}
+
 // Builds the command from the words, or returns a usage error.
 std::optional<std::string> build_command(const std::vector<std::string>& w, command* c) {
     auto is = [&](std::initializer_list<const char*> words) {
@@ -456,6 +466,7 @@ std::optional<std::string> build_command(const std::vector<std::string>& w, comm
     if (is({"pc", "clear"})) return simple("pc clear", IPC_CMD_PC_CLEAR_RULE, read_pc_clear, 2);
     if (is({"status"})) return simple("status", IPC_CMD_STATUS, read_status, 1);
     if (is({"db", "show"})) return simple("db show", IPC_CMD_SHOW_DB, read_db_show, 2);
+    if (is({"reload"})) return simple("reload", IPC_CMD_RELOAD, read_reload, 1);
     if (is({"stats"})) return simple("stats", IPC_CMD_STATS, nullptr, 1);
     if (is({"pc", "rule"})) {
         if (simple("pc rule", IPC_CMD_PC_SET_RULE, read_pc_rule, 3)) return "usage: pc rule FILE";
