@@ -7,8 +7,12 @@
 #include <cjson/cJSON.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
 #include <map>
 #include <regex>
+#include <thread>
 
 #include "ctrl_text.h"
 #include "sim_world.h"
@@ -173,6 +177,127 @@ TEST_F(EndToEnd, LogLinesReachTheSystemLogWithSyslog) {
         EXPECT_TRUE(r.priority >= 3 * 8 && r.priority <= 3 * 8 + 6) << r.raw;
         EXPECT_TRUE(r.message.find("JSON") != std::string::npos || in_file(r.message)) << r.message;
     }
+}
+
+// Category file source giving every name under alpha.example the category
+// `id`; the module sees its two bytes as the group pair.
+std::string alpha_categories(const char* id) { return std::string(".alpha.example ") + id + "\n"; }
+
+// The category file is replaced and put in force by SIGHUP, then again by
+// `zorctl reload`, while reports stream in from another thread. Every
+// streamed key is answered exactly once, from one of the three files, and
+// the later files' verdicts appear; keys sent after the last reload get
+// its verdict. A cloud verdict cached before the reloads still answers
+// from the cache. A damaged file keeps the one in force: SIGHUP logs why
+// and the service runs on, `zorctl reload` fails with the loader's words.
+// An outside rename of the log file is followed: the reload's lines go to
+// a new file.
+TEST_F(EndToEnd, ReloadSwapsTheCategoryFileUnderStreamingReportsAndKeepsTheCache) {
+    std::string err;
+    ASSERT_TRUE(cloud.apply("category news.example 3 4 2\n", &err)) << err;
+    ASSERT_TRUE(start(w, {.categories = alpha_categories("0x0305"), .session = true}));
+    const std::string cached = "db key2group update 1 20 www.news.example 7200 3 4";
+    ASSERT_EQ(w.kernsim({"domain", "www.news.example", "flags=1"}), 0);
+    ASSERT_TRUE(w.wait_ctrl(cached)) << testing::PrintToString(w.ctrl_lines());
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> batches{0}, failed_sends{0};
+    constexpr int kBatch = 20;
+    std::thread stream([&] {
+        while (!stop.load()) {
+            const std::string name = "b" + std::to_string(batches.load()) + "k{n}.alpha.example";
+            if (w.kernsim({"-n", std::to_string(kBatch), "-r", "200", "domain", name}) != 0) ++failed_sends;
+            ++batches;
+        }
+    });
+    auto batches_pass = [&](int more) {
+        const int until = batches.load() + more;
+        return zor_test::eventually([&] { return batches.load() >= until; }, kWorldWait);
+    };
+    const std::string xdb = w.dir() + "/categories.xdb", log = w.dir() + "/log/zorsrv.log";
+    auto log_has = [&](const std::string& text) {
+        return zor_test::eventually([&] { return w.service_log().find(text) != std::string::npos; }, kWorldWait);
+    };
+    const std::string update = "db key2group update 2 20 ";
+    // Some streamed key answered with `tail` ("86400 G S").
+    auto verdict_seen = [&](const std::string& tail) {
+        return zor_test::eventually([&] {
+            const std::vector<std::string> lines = w.ctrl_lines();
+            return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) {
+                return l.rfind(update, 0) == 0 && l.size() > tail.size() && l.ends_with(" " + tail);
+            });
+        }, kWorldWait);
+    };
+    EXPECT_TRUE(verdict_seen("86400 3 5"));
+    ASSERT_EQ(std::rename(log.c_str(), (log + ".1").c_str()), 0);
+    ASSERT_TRUE(w.build_categories(alpha_categories("0x0407"), err)) << err;
+    ASSERT_TRUE(w.signal(SIGHUP));
+    EXPECT_TRUE(log_has("Reload: category file " + xdb + " in force")) << w.service_log();
+    EXPECT_NE(w.service_log().find("Reload (SIGHUP)"), std::string::npos) << "the reload's lines in a new log file";
+    EXPECT_TRUE(verdict_seen("86400 4 7"));
+    ASSERT_TRUE(w.build_categories(alpha_categories("0x0509"), err)) << err;
+    EXPECT_EQ(w.zorctl({"reload"}), 0) << zor_test::read_file(w.dir() + "/zorctl.out");
+    EXPECT_TRUE(batches_pass(2));
+    stop.store(true);
+    stream.join();
+    EXPECT_EQ(failed_sends.load(), 0);
+    ASSERT_EQ(w.kernsim({"-n", std::to_string(kBatch), "domain", "last{n}.alpha.example"}), 0);
+
+    // Every key once, with one of the files' verdicts.
+    std::vector<std::string> keys;
+    for (int b = 0; b < batches.load(); ++b)
+        for (int n = 0; n < kBatch; ++n) keys.push_back("b" + std::to_string(b) + "k" + std::to_string(n) + ".alpha.example");
+    for (int n = 0; n < kBatch; ++n) keys.push_back("last" + std::to_string(n) + ".alpha.example");
+    auto answered = [&] {
+        std::map<std::string, std::vector<std::string>> verdicts;
+        for (const std::string& l : w.ctrl_lines())
+            if (l.rfind(update, 0) == 0) {
+                const size_t key_end = l.find(' ', update.size());
+                verdicts[l.substr(update.size(), key_end - update.size())].push_back(l.substr(key_end + 1));
+            }
+        return verdicts;
+    };
+    ASSERT_TRUE(zor_test::eventually([&] { return answered().size() >= keys.size(); }, kWorldWait))
+        << answered().size() << " of " << keys.size() << " keys answered";
+    std::map<std::string, int> per_verdict;
+    const std::map<std::string, std::vector<std::string>> verdicts = answered();
+    for (const std::string& k : keys) {
+        const auto v = verdicts.find(k);
+        if (v == verdicts.end() || v->second.size() != 1) {
+            ADD_FAILURE() << k << " answered " << (v == verdicts.end() ? 0 : v->second.size()) << " times";
+            continue;
+        }
+        ++per_verdict[v->second[0]];
+        if (k.rfind("last", 0) == 0) EXPECT_EQ(v->second[0], "86400 5 9") << k;
+        EXPECT_EQ(w.ctrl_count("db key2group u2k 20 " + k), 1u) << k;
+    }
+    EXPECT_EQ(verdicts.size(), keys.size()) << "answers for keys never sent";
+    EXPECT_GT(per_verdict["86400 3 5"], 0);
+    EXPECT_GT(per_verdict["86400 4 7"], 0);
+    EXPECT_GT(per_verdict["86400 5 9"], kBatch);
+    EXPECT_EQ(per_verdict.size(), 3u) << testing::PrintToString(per_verdict);
+
+    // The cache outlived both reloads: no new query for the cached key.
+    ASSERT_EQ(w.kernsim({"domain", "www.news.example", "flags=1"}), 0);
+    EXPECT_TRUE(zor_test::eventually([&] { return w.ctrl_count(cached) == 2; }, kWorldWait));
+    size_t asked = 0;
+    for (const auto& r : cloud.requests())
+        asked += r.endpoint == "query" && r.detail.find("www.news.example") != std::string::npos;
+    EXPECT_EQ(asked, 1u);
+
+    // A damaged file: the one in force stays, by SIGHUP and by command.
+    ASSERT_TRUE(zor_test::write_file(xdb + ".new", "not a category file"));
+    ASSERT_EQ(std::rename((xdb + ".new").c_str(), xdb.c_str()), 0);
+    ASSERT_TRUE(w.signal(SIGHUP));
+    const std::string why = "This is not xac block! Failed to load xdb!";
+    EXPECT_TRUE(log_has("Reload: category file " + xdb + " not loaded, the previous one stays: " + why));
+    EXPECT_EQ(w.zorctl({"reload"}), 1);
+    const std::vector<std::string> printed = w.lines_of("zorctl.out");
+    EXPECT_EQ(printed.empty() ? "" : printed.back(), "zorctl: reload failed, the previous category file stays: " + why);
+    ASSERT_EQ(w.kernsim({"domain", "after.alpha.example"}), 0);
+    EXPECT_TRUE(w.wait_ctrl(update + "after.alpha.example 86400 5 9")) << testing::PrintToString(w.ctrl_lines());
+    EXPECT_FALSE(w.wait_exit(std::chrono::milliseconds(0)).has_value()) << "SIGHUP ended the service";
+    EXPECT_EQ(w.stop(), 0) << w.service_output();
 }
 
 }  // namespace

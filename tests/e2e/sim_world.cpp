@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -86,10 +87,8 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     std::ofstream(root() + "/zor.ko") << "not a real module\n";
     std::string xdb = cfg.xdb;
     if (!cfg.categories.empty()) {
-        std::ofstream(dir_ + "/categories.src") << cfg.categories;
         xdb = dir_ + "/categories.xdb";
-        if (run({ZOR_E2E_XDBC, "build", dir_ + "/categories.src", xdb}, dir_ + "/xdbc.out") != 0)
-            return err = "xdbc failed: " + zor_test::read_file(dir_ + "/xdbc.out"), false;
+        if (!build_categories(cfg.categories, err)) return false;
     }
     std::ofstream ini(dir_ + "/zor.ini");
     ini << "[zor]\nauth_id = e2e-account\nauth_pwd = e2e-password\nhost = e2e-host\nproduct = e2e-product\n"
@@ -144,6 +143,16 @@ bool sim_world::start(const world_config& cfg, std::string& err, std::chrono::mi
     else
         return true;
     return false;
+}
+
+bool sim_world::build_categories(const std::string& source, std::string& err) const {
+    std::ofstream(dir_ + "/categories.src") << source;
+    const std::string next = dir_ + "/categories.xdb.new";
+    if (run({ZOR_E2E_XDBC, "build", dir_ + "/categories.src", next}, dir_ + "/xdbc.out") != 0)
+        return err = "xdbc failed: " + zor_test::read_file(dir_ + "/xdbc.out"), false;
+    if (std::rename(next.c_str(), (dir_ + "/categories.xdb").c_str()) != 0)
+        return err = std::string("cannot rename the category file: ") + strerror(errno), false;
+    return true;
 }
 
 std::string sim_world::port_line() const {

@@ -69,6 +69,12 @@ public:
                std::chrono::milliseconds slow = kWorldWait);
 
     pid_t pid() const { return service_.pid(); }
+    // Sends `sig` to the service while it runs.
+    bool signal(int sig) const { return service_.signal(sig); }
+    // Compiles category file source into DIR/categories.xdb (the file the
+    // service's xdb names when `categories` was given), replacing the old
+    // file in one rename as an operator's update would. False with `err`.
+    bool build_categories(const std::string& source, std::string& err) const;
     // The service's netlink port: its pid, or with `squat` the port it
     // bound instead (read from its log).
     uint32_t port() const { return port_; }

@@ -112,7 +112,11 @@ TEST_F(Zorctl, ReloadReappliesTheRulesAndFailsWithTheLoaderMessage) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.xdb.value_or("no category file"));
+        // The context is read-only while the command thread runs: set it
+        // between threads, as the service does before it starts them.
+        ipc_srv_stop();
         qmxsrv_ctx.xdb = c.xdb;
+        ASSERT_EQ(ipc_srv_start(), 1);
         qmxsrv_ctx.pctrl_enabled = c.pctrl;
         zorctl_result r = ctl({"reload"});
         EXPECT_EQ(r.status, c.status);
@@ -120,6 +124,7 @@ TEST_F(Zorctl, ReloadReappliesTheRulesAndFailsWithTheLoaderMessage) {
         EXPECT_EQ(r.err, c.err);
         EXPECT_EQ(rec_.count_with("pc rule add 2 aabbccddeeff x.example 0 0"), c.rules_sent);
     }
+    ipc_srv_stop();
     qmxsrv_ctx.xdb.reset();
     EXPECT_TRUE(log_.contains("Reload: category file " + garbage +
                               " not loaded, the previous one stays: This is not xac block! Failed to load xdb!"));
