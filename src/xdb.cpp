@@ -85,15 +85,16 @@ public:
     explicit load_log(std::string* keep) : keep_(keep) {}
 
     void say(const char* fmt, ...) __attribute__((format(printf, 2, 3))) {
-        char line[512];
         va_list ap;
         va_start(ap, fmt);
-        std::vsnprintf(line, sizeof line, fmt, ap);
-        va_end(ap);
-        if (keep_)
+        if (keep_) {
+            char line[512];  // a path in the text is cut here
+            std::vsnprintf(line, sizeof line, fmt, ap);
             keep_->append(line);
-        else
-            std::fputs(line, stderr);
+        } else {
+            std::vfprintf(stderr, fmt, ap);
+        }
+        va_end(ap);
     }
 
 private:
