@@ -268,7 +268,9 @@ TEST_F(EndToEnd, ReloadSwapsTheCategoryFileUnderStreamingReportsAndKeepsTheCache
             continue;
         }
         ++per_verdict[v->second[0]];
-        if (k.rfind("last", 0) == 0) EXPECT_EQ(v->second[0], "86400 5 9") << k;
+        if (k.rfind("last", 0) == 0) {
+            EXPECT_EQ(v->second[0], "86400 5 9") << k;
+        }
         EXPECT_EQ(w.ctrl_count("db key2group u2k 20 " + k), 1u) << k;
     }
     EXPECT_EQ(verdicts.size(), keys.size()) << "answers for keys never sent";
