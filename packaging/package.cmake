@@ -36,6 +36,7 @@ install(FILES ${ZOR_PKG_SRC}/zor-service.default DESTINATION ${ZOR_SYSCONFDIR}/d
         RENAME ${ZOR_PACKAGE_NAME})
 
 set(ZOR_SBINDIR ${CMAKE_INSTALL_FULL_SBINDIR})
+set(ZOR_BINDIR ${CMAKE_INSTALL_FULL_BINDIR})
 set(ZOR_DOCDIR_FULL ${CMAKE_INSTALL_PREFIX}/${ZOR_DOCDIR})
 configure_file(${ZOR_PKG_SRC}/zor-service.service.in ${ZOR_PKG_OUT}/zor-service.service @ONLY)
 install(FILES ${ZOR_PKG_OUT}/zor-service.service DESTINATION ${ZOR_UNITDIR})

@@ -86,8 +86,11 @@ unit="$work/root/lib/systemd/system/zor-service.service"
 key() { sed -n "s/^$1=//p" "$unit"; }
 [ "$(key Type)" = simple ] || fail "Type=$(key Type), the service runs in the foreground"
 [ "$(key Restart)" = on-failure ] || fail "Restart=$(key Restart)"
-# shellcheck disable=SC2016  # $MAINPID is systemd's, not the shell's
-[ "$(key ExecReload)" = '/bin/kill -HUP $MAINPID' ] || fail "ExecReload=$(key ExecReload), not SIGHUP to the service"
+# Reload asks the service over its socket, with the configuration ExecStart
+# names, so that systemctl reload fails when the service keeps its old file.
+read -r -a exec_reload <<< "$(key ExecReload)"
+[ -x "$work/root${exec_reload[0]}" ] || fail "ExecReload names ${exec_reload[0]}, not in the package"
+[ "${exec_reload[*]:1}" = "-i /etc/zor/zor.ini reload" ] || fail "ExecReload=$(key ExecReload), not zorctl reload"
 read -r -a exec_start <<< "$(key ExecStart)"
 [ -x "$work/root${exec_start[0]}" ] || fail "ExecStart names ${exec_start[0]}, not in the package"
 config="" logdir=""

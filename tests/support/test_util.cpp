@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <locale>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -12,6 +13,22 @@
 #include "log.h"
 
 namespace zor_test {
+
+namespace {
+
+// libstdc++'s ctype<char> fills its narrow() table one character at a time
+// on first use, writing without a lock. std::regex narrows every character it
+// compiles and matches, and the simulators' HTTP threads parse with it while
+// a test thread compiles its own patterns: two unguarded writes of the same
+// byte. Filling the whole table here, before any test starts a thread, leaves
+// only reads for later.
+const bool narrow_table_filled = [] {
+    const auto& ctype = std::use_facet<std::ctype<char>>(std::locale());
+    for (int c = 0; c < 256; ++c) ctype.narrow(static_cast<char>(c), '\0');
+    return true;
+}();
+
+}  // namespace
 
 temp_dir::temp_dir() {
     const char* base = getenv("TMPDIR");
