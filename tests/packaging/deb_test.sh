@@ -112,8 +112,6 @@ writable_root=$(sed -n 's/^writable_root *= *//p' "$work/root$config")
 # systemd's own reading of the unit, against this machine's units; any
 # complaint (unknown key, bad value) fails.
 cp -rn /lib/systemd/system/. "$work/root/lib/systemd/system/" 2>/dev/null
-# ExecReload runs the system's kill, which the package does not ship.
-mkdir -p "$work/root/bin" && cp /bin/kill "$work/root/bin/kill"
 if ! systemd-analyze verify --root="$work/root" zor-service.service > "$work/verify" 2>&1 ||
         [ -s "$work/verify" ]; then
     cat "$work/verify"
