@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "base64.h"
+#include "cloud_suite.h"
 #include "cloudsim.h"
 #include "qmx_curl.h"
 #include "qmxsrv_ctx.h"
@@ -123,14 +124,8 @@ TEST(LoginReply, KeepsTokenKeyClampedLifetimeAndAtMost8HttpsServersOrRefuses) {
     for (const auto& [body, want] : cases) EXPECT_EQ(login_kept(body), want) << body;
 }
 
-class Session : public ::testing::Test {
+class Session : public zor_test::cloud_suite<> {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_EQ(qmx_curl_init(), 0);
-        crypto_init();
-    }
-    static void TearDownTestSuite() { qmx_curl_release(); }
-
     void SetUp() override {
         qmxsrv_ctx.auth_invalid = 0;
         timing_set({.login_retry = kRetry, .form_timeout = 5000ms, .request_timeout = 5000ms});

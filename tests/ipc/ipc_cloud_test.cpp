@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "base64.h"
+#include "cloud_suite.h"
 #include "cloudsim.h"
 #include "ipc_client.h"
 #include "qmx_curl.h"
@@ -28,14 +29,8 @@ std::string local_date(time_t t) {
     return buf;
 }
 
-class IpcCloud : public zor_test::ipc_server_fixture {
+class IpcCloud : public zor_test::cloud_suite<zor_test::ipc_server_fixture> {
 protected:
-    static void SetUpTestSuite() {
-        ASSERT_EQ(qmx_curl_init(), 0);
-        crypto_init();
-    }
-    static void TearDownTestSuite() { qmx_curl_release(); }
-
     void SetUp() override {
         timing_set({.login_retry = 150ms, .form_timeout = 5000ms, .request_timeout = 5000ms});
         ipc_server_fixture::SetUp();

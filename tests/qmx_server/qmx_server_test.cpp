@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "base64.h"
+#include "cloud_suite.h"
 #include "cloudsim.h"
 #include "ctrl_capture.h"
 #include "qmx_curl.h"
@@ -53,7 +54,7 @@ bool wait_finished(uint64_t n) { return zor_test::eventually([n] { return qmx_sr
 // The workers with a category file and a cloud session to the simulator,
 // which knows example.com (group 3, sub-group 4, 24 hours); the cloud is
 // switched on by the tests that use it.
-class Workers : public ::testing::Test {
+class Workers : public zor_test::cloud_suite<> {
 protected:
     // Category ids 0x1234 and 0x5678 give the group pairs (18, 52) and (86, 120).
     static void SetUpTestSuite() {
@@ -61,11 +62,10 @@ protected:
         const std::vector<uint8_t> file = xdbref::build_source(".cat.example 0x1234\n10.20.0.0/16 0x5678\n", error);
         ASSERT_TRUE(zor_test::write_file(files.file("c.xdb"), std::string(file.begin(), file.end()))) << error;
         ASSERT_EQ(xdb_init(files.file("c.xdb").c_str()), 0);
-        ASSERT_EQ(qmx_curl_init(), 0);
-        crypto_init();
+        cloud_suite::SetUpTestSuite();
     }
     static void TearDownTestSuite() {
-        qmx_curl_release();
+        cloud_suite::TearDownTestSuite();
         xdb_release();
     }
     static inline zor_test::temp_dir files;

@@ -33,16 +33,6 @@ std::vector<std::string> cmd_recorder::lines() const {
     return s_->lines;
 }
 
-std::vector<std::string> cmd_recorder::lines_with(std::string_view needle) const {
-    std::vector<std::string> out;
-    std::lock_guard<std::mutex> g(s_->lock);
-    for (const std::string& l : s_->lines)
-        if (l.find(needle) != std::string::npos) out.push_back(l);
-    return out;
-}
-
-size_t cmd_recorder::count_with(std::string_view needle) const { return lines_with(needle).size(); }
-
 bool cmd_recorder::wait_for(std::string_view needle, size_t n,
                             std::chrono::milliseconds timeout) const {
     std::unique_lock<std::mutex> lk(s_->lock);

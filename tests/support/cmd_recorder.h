@@ -12,7 +12,9 @@
 #include <string_view>
 #include <vector>
 
-class cmd_recorder {
+#include "line_search.h"
+
+class cmd_recorder : public line_search<cmd_recorder> {
 public:
     // `hook`, when given, runs on the sender's thread for every line before
     // it is recorded (a test can hold a worker there); its result is the
@@ -22,10 +24,8 @@ public:
     cmd_recorder(const cmd_recorder&) = delete;
     cmd_recorder& operator=(const cmd_recorder&) = delete;
 
+    // Every line run, in order.
     std::vector<std::string> lines() const;
-    // Lines holding `needle`, in the order they were run.
-    std::vector<std::string> lines_with(std::string_view needle) const;
-    size_t count_with(std::string_view needle) const;
     // Waits until at least `n` lines holding `needle` were run; false on
     // time-out.
     bool wait_for(std::string_view needle, size_t n,

@@ -1,6 +1,5 @@
 #include "ctrl_capture.h"
 
-
 #include "ctrl_text.h"
 #include "qmxsrv_ctx.h"
 #include "zor_ctrl.h"
@@ -39,15 +38,6 @@ std::vector<std::string> ctrl_capture::lines() const {
     }
     return out;
 }
-
-std::vector<std::string> ctrl_capture::lines_with(std::string_view needle) const {
-    std::vector<std::string> out;
-    for (std::string& l : lines())
-        if (l.find(needle) != std::string::npos) out.push_back(std::move(l));
-    return out;
-}
-
-size_t ctrl_capture::count_with(std::string_view needle) const { return lines_with(needle).size(); }
 
 bool ctrl_capture::wait_for(std::string_view needle, size_t n, std::chrono::milliseconds timeout) const {
     return zor_test::eventually([&] { return count_with(needle) >= n; }, timeout);

@@ -20,7 +20,7 @@
 #include "cmd_recorder.h"
 #include "test_util.h"
 
-class ctrl_capture {
+class ctrl_capture : public line_search<ctrl_capture> {
 public:
     enum channel { direct, shell };
     // `hook` runs for every line given to the command runner (in the shell
@@ -33,8 +33,6 @@ public:
 
     // Texts received so far, without their newlines.
     std::vector<std::string> lines() const;
-    std::vector<std::string> lines_with(std::string_view needle) const;
-    size_t count_with(std::string_view needle) const;
     // Waits until at least `n` texts holding `needle` arrived; false on
     // time-out.
     bool wait_for(std::string_view needle, size_t n,
