@@ -3,7 +3,9 @@
 # everything, compiles the sample category file, starts the cloud simulator
 # and zor_service (with its kernel module played by stubs and kernsim, see
 # docs/world.md), feeds it a few domain names and addresses, prints every
-# command the kernel module receives as it happens, and shuts down.
+# command the kernel module receives as it happens, takes in a renewed
+# category file without a restart, prints the service's counters, and shuts
+# down.
 #
 # Kernel commands are written straight into the control file, as the service
 # does by default; DEMO_CTRL_SHELL=1 runs the demo with ctrl_shell = 1, where
@@ -151,6 +153,22 @@ sleep 0.5
 echo
 echo "== what the cloud was asked"
 awk '$3 == "query" { $1 = $2 = $3 = $4 = $5 = $7 = ""; sub(/^ +/, ""); print "   status " $0 }' "$work/cloud.log"
+
+echo
+echo "== a renewed category file, taken in without a restart (zorctl reload)"
+{ cat examples/demo/categories.src; echo ".new-games.example   0x0714"; } > "$work/categories.src"
+"$bin/tools/xdbc/xdbc" build "$work/categories.src" "$work/categories.xdb.new"
+mv "$work/categories.xdb.new" "$work/categories.xdb"  # a rename: the service never reads half a file
+zctl() { "$bin/tools/zorctl/zorctl" -i "$work/zor.ini" "$@"; }
+zctl reload | sed 's/^/   zorctl: /'
+ks domain play.new-games.example \; domain www.example.com flags=1
+wait_for 20 "the new file's verdict" grep -q '^db key2group update 2 20 play.new-games.example ' "$ctrl"
+wait_for 20 "the kept cache" has_at_least "$ctrl" '^db key2group update 1 20 www.example.com ' 3
+sleep 0.5
+
+echo
+echo "== what the service counted (zorctl stats)"
+zctl stats | grep -v ' 0$' | sed 's/^/   /'
 
 echo
 echo "== stopping the service (SIGTERM)"
