@@ -22,7 +22,7 @@ std::string one_line(const std::string& lines) {
 
 }  // namespace
 
-int service_reload(const char* origin, std::string* message) {
+reload_result service_reload(const char* origin, std::string* message) {
     std::lock_guard<std::mutex> serial(reload_lock);
     message->clear();
     LOG_I("Reload (%s)", origin);
@@ -41,12 +41,20 @@ int service_reload(const char* origin, std::string* message) {
                   message->c_str());
         }
     }
-    if (qmxsrv_ctx.pctrl_enabled.load() != 0) pctrl_apply_rules();
-    if (rc != 0) {
+    reload_result result = rc == 0 ? reload_result::done : reload_result::category_kept;
+    if (qmxsrv_ctx.pctrl_enabled.load() != 0 && !pctrl_reapply_rules()) {
+        const std::string rules = qmxsrv_ctx_pc_rule();
+        LOG_E("Reload: rule file %s not read, the kernel's rules stay as they were", rules.c_str());
+        if (result == reload_result::done) {
+            result = reload_result::rules_not_read;
+            *message = "rule file " + rules + " not read (the service log says why)";
+        }
+    }
+    if (result != reload_result::done) {
         // The reply carries it: outside bytes shown as the log shows them.
         char shown[256];
         log_format_text(shown, sizeof shown, message->c_str());
         *message = shown;
     }
-    return rc;
+    return result;
 }

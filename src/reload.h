@@ -13,8 +13,16 @@
 
 #include <string>
 
+enum class reload_result {
+    // The command's result word: values fixed.
+    done = 0,            // the category file (if any) in force, the rules (if on) applied
+    category_kept = 1,   // the category file did not load: the previous one stays
+    rules_not_read = 2,  // the category file is in force, but the rule file did not read
+};
+
 // Runs one reload and logs its outcome, naming `origin` ("SIGHUP",
-// "command"). Returns 0, or -1 when the category file did not load; then
-// `message` holds the loader's messages as one line (outside bytes as the
-// log shows them), else it is emptied.
-[[nodiscard]] int service_reload(const char* origin, std::string* message);
+// "command"). On a failure `message` says why in one line (the loader's
+// messages, or which rule file did not read; outside bytes as the log shows
+// them); else it is emptied. A category file that did not load is reported
+// before rules that did not read.
+[[nodiscard]] reload_result service_reload(const char* origin, std::string* message);

@@ -188,7 +188,7 @@ void show_db(ipc_reply& reply) {
 void reload(ipc_reply& reply) {
     LOG_D("Receive command: reload");
     std::string message;
-    reply.result = service_reload("command", &message) == 0 ? 0 : 1;
+    reply.result = static_cast<int32_t>(service_reload("command", &message));
     set_msg(reply, "%s", message.c_str());
 }
 

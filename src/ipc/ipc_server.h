@@ -42,7 +42,7 @@ enum ipc_cmd : int32_t {
     IPC_CMD_QUERY = 100,         // type; buf "NAME A B"; the reply holds NAME over result
     IPC_CMD_SHOW_DB = 200,       // result 0; the listing goes to the log, not the reply
     IPC_CMD_DB_ADD = 201,        // buf: a cloud reply JSON; result 0 whatever the outcome
-    IPC_CMD_RELOAD = 300,        // result 0, or 1 with the category file loader's messages in msg
+    IPC_CMD_RELOAD = 300,        // result 0; 1: category file kept, 2: rules not read; msg says why
     IPC_CMD_STATS = 301,         // answered by ipc_stats_records; the kept reply is not written
 };
 

@@ -95,17 +95,20 @@ time_t pctrl_next_midnight(time_t now) {
 
 int pctrl_clean_rules() { return zor_ctrl_pc_clean(); }
 
-void pctrl_apply_rules() {
+bool pctrl_reapply_rules() {
     std::lock_guard<std::mutex> serial(apply_lock);
     std::string path = qmxsrv_ctx_pc_rule();
-    if (path.empty()) return;
+    if (path.empty()) return true;
     pctrl_holder rules;
-    if (pctrl_read_rules(path.c_str(), &rules) != 0 || rules.list == nullptr) return;
+    if (pctrl_read_rules(path.c_str(), &rules) != 0 || rules.list == nullptr) return false;
     stat_add(g_stats.rule_applications);
     pctrl_clean_rules();
     pctrl_dump_rules(&rules);
     rules.list->for_each(send_rule);
+    return true;
 }
+
+void pctrl_apply_rules() { (void)pctrl_reapply_rules(); }
 
 void pctrl_sched_start() {
     std::lock_guard<std::mutex> control(control_lock);

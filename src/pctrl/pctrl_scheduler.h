@@ -23,6 +23,10 @@ void pctrl_sched_stop();
 // "pc rule clean", then one "pc rule add" per rule. A missing, unreadable or
 // invalid file leaves the kernel's rules untouched; no file set does nothing.
 void pctrl_apply_rules();
+// The same, telling the caller whether the file was read: false when a rule
+// file is set but could not be read as rules (the reader logged why; the
+// kernel's rules are untouched), true otherwise.
+[[nodiscard]] bool pctrl_reapply_rules();
 // Sends "pc rule clean"; returns the sender's result (zor_ctrl.h).
 int pctrl_clean_rules();
 

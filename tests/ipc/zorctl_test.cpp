@@ -89,26 +89,33 @@ TEST_F(Zorctl, EachCommandPrintsItsResultAndReachesTheService) {
 
 // A reload applies the rule file again only while parental control is on,
 // and fails with the loader's words, outside bytes escaped, when the
-// category file does not load.
+// category file does not load, or names the rule file that did not read.
 TEST_F(Zorctl, ReloadReappliesTheRulesAndFailsWithTheLoaderMessage) {
-    const std::string rules = dir_.file("rules.json"), garbage = dir_.file("garbage.xdb");
+    const std::string rules = dir_.file("rules.json"), garbage = dir_.file("garbage.xdb"),
+                      broken = dir_.file("broken.json");
     ASSERT_TRUE(write_file(rules, R"({"2": {"mac": "aabbccddeeff", "dn": "x.example"}})"));
     ASSERT_TRUE(write_file(garbage, "not a category file"));
+    ASSERT_TRUE(write_file(broken, R"({"2": {"mac": )"));
     const std::string done = "Reloaded: the category file was read again, the rule file applied again when "
                              "parental control is on, and the log file reopened.\n",
-                      failed = "zorctl: reload failed, the previous category file stays: ";
-    qmxsrv_ctx_set_pc_rule(rules.c_str());
+                      failed = "zorctl: reload failed, the previous category file stays: ",
+                      rules_kept = "zorctl: reload: the category file is in force, but the kernel's rules stay "
+                                   "as they were: rule file " + broken + " not read (the service log says why)\n";
     const struct {
         std::optional<std::string> xdb;
+        std::string rule_file;
         int32_t pctrl;
         int status;
         std::string out, err;
         size_t rules_sent;  // "pc rule add" lines so far
     } cases[] = {
-        {std::nullopt, 1, 0, done, "", 1},
-        {std::nullopt, 0, 0, done, "", 1},
-        {dir_.file("gone\x01.xdb"), 0, 1, "", failed + "Failed to open file, " + dir_.file("gone\\x01.xdb") + "!\n", 1},
-        {garbage, 1, 1, "", failed + "This is not xac block! Failed to load xdb!\n", 2},
+        {std::nullopt, rules, 1, 0, done, "", 1},
+        {std::nullopt, rules, 0, 0, done, "", 1},
+        {dir_.file("gone\x01.xdb"), rules, 0, 1, "", failed + "Failed to open file, " + dir_.file("gone\\x01.xdb") + "!\n", 1},
+        {garbage, rules, 1, 1, "", failed + "This is not xac block! Failed to load xdb!\n", 2},
+        {std::nullopt, broken, 1, 1, "", rules_kept, 2},
+        {std::nullopt, broken, 0, 0, done, "", 2},
+        {garbage, broken, 1, 1, "", failed + "This is not xac block! Failed to load xdb!\n", 2},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.xdb.value_or("no category file"));
@@ -116,6 +123,7 @@ TEST_F(Zorctl, ReloadReappliesTheRulesAndFailsWithTheLoaderMessage) {
         // between threads, as the service does before it starts them.
         ipc_srv_stop();
         qmxsrv_ctx.xdb = c.xdb;
+        qmxsrv_ctx_set_pc_rule(c.rule_file.c_str());
         ASSERT_EQ(ipc_srv_start(), 1);
         qmxsrv_ctx.pctrl_enabled = c.pctrl;
         zorctl_result r = ctl({"reload"});

@@ -435,6 +435,9 @@ outcome read_db_add(const command& c, const ipc_reply&) {
 outcome read_reload(const command& c, const ipc_reply& r) {
     if (r.result != 0) {
         std::string why = r.msg[0] != '\0' ? r.msg : "the service refused the command";
+        if (r.result == 2)
+            return failure(c.name, EXIT_REFUSED,
+                           "reload: the category file is in force, but the kernel's rules stay as they were: " + why);
         return failure(c.name, EXIT_REFUSED, "reload failed, the previous category file stays: " + why);
     }
     return success(c.name, "Reloaded: the category file was read again, the rule file applied again "
